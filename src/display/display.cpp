@@ -1,0 +1,116 @@
+// Widths first, then the lines; all text is the host's, counted in its characters. Only reads.
+#include "display/display.h"
+
+#include "host/module_state.h"
+#include "records/database.h"
+#include "records/rows.h"
+
+namespace jdb::display {
+namespace {
+
+void print(PyObject* text) { call(module_state.print, {text}); }
+
+Ref names_of(PyObject* table) {
+    Ref result = new_list();
+    const Ref columns = get_attribute(table, names::columns);
+    for (const Ref& column : Iteration(columns)) {
+        const Ref name = get_attribute(column, names::name);
+        append(result, name);
+    }
+    return result;
+}
+
+void widen(PyObject* widths, PyObject* key, PyObject* text) {
+    const Ref needed = integer(length(text));
+    const Ref current = get_item(widths, key);
+    if (check(PyObject_RichCompareBool(needed, current, Py_GT)) != 0) set_item(widths, key, needed);
+}
+
+Ref measure(PyObject* columns, PyObject* rows) {
+    Ref widths = new_dict();
+    for (const Ref& name : Iteration(columns)) {
+        const Ref width = integer(length(name));
+        set_item(widths, name, width);
+    }
+    for (const Ref& row : Iteration(rows)) {
+        const Ref items = call_method(row, names::items);
+        for (const Ref& item : Iteration(items)) {
+            const Ref key = get_item(item, Py_ssize_t{0});
+            const Ref value = get_item(item, Py_ssize_t{1});
+            const Ref text = text_of(value);
+            widen(widths, key, text);
+        }
+    }
+    return widths;
+}
+
+Ref joined(PyObject* cells) {
+    const Ref separator = new_text(" | ");
+    return Ref::steal(PyUnicode_Join(separator, cells));
+}
+
+Ref padded(PyObject* text, PyObject* widths, PyObject* name) {
+    const Ref width = get_item(widths, name);
+    return call_method(text, names::ljust, {width});
+}
+
+Ref header_line(PyObject* columns, PyObject* widths) {
+    const Ref cells = new_list();
+    for (const Ref& name : Iteration(columns)) {
+        const Ref cell = padded(name, widths, name);
+        append(cells, cell);
+    }
+    return joined(cells);
+}
+
+Ref row_line(PyObject* row, PyObject* columns, PyObject* widths) {
+    const Ref missing = new_text("");
+    const Ref cells = new_list();
+    for (const Ref& name : Iteration(columns)) {
+        const Ref value = call_method(row, names::get, {name, missing});
+        const Ref text = text_of(value);
+        const Ref cell = padded(text, widths, name);
+        append(cells, cell);
+    }
+    return joined(cells);
+}
+
+}  // namespace
+
+Ref display_table(PyObject* self, PyObject* table_name, PyObject* limit) {
+    const Ref tables = tables_of(self);
+    if (!contains(tables, table_name)) {
+        const Ref message = unknown_table_text(table_name);
+        print(message);
+        return Ref::none();
+    }
+    const Ref current_tables = tables_of(self);
+    const Ref table = get_item(current_tables, table_name);
+    const Ref columns = names_of(table);
+    const Ref rows = call_method(self, names::select, {table_name}, {{names::limit, limit}});
+    if (length(columns) == 0) {
+        const Ref message = new_text("Table has no columns");
+        print(message);
+        return Ref::none();
+    }
+
+    const Ref widths = measure(columns, rows);
+    const Ref header = header_line(columns, widths);
+    const Ref heading = Ref::steal(PyUnicode_FromFormat("\n%U", static_cast<PyObject*>(header)));
+    print(heading);
+    const Ref hyphen = new_text("-");
+    const Ref rule = Ref::steal(PySequence_Repeat(hyphen, length(header)));
+    print(rule);
+    for (const Ref& row : Iteration(rows)) {
+        const Ref line = row_line(row, columns, widths);
+        print(line);
+    }
+
+    const Ref table_rows = get_attribute(table, names::rows);
+    const Py_ssize_t total = count_live(table_rows);
+    const Ref footer = Ref::steal(PyUnicode_FromFormat("\nShowing %zd of %zd rows\n", length(rows), total));
+    print(footer);
+    return Ref::none();
+}
+
+}  // namespace jdb::display

@@ -1,0 +1,99 @@
+// Native methods that are ordinary host functions. One declaration, a signature as the host language writes it, gives
+// a method's name, parameters, defaults, annotations, argument checks and documentation.
+//
+// The host compiles the signature into a function with an empty body, whose call slot is then replaced: everything
+// that looks at functions (inspect, pickle, mock, super) meets a real one, and a call runs the native body.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "host/python.h"
+#include "host/ref.h"
+
+namespace jdb {
+
+// What an annotation asks of an argument. Conversions come before the tests of exact types.
+enum class Rule : unsigned char { any, integer, truth, string, list, dict };
+
+struct Parameter {
+    PyObject* name = nullptr;  // interned; lives as long as the interpreter
+    Rule rule = Rule::any;
+    bool or_none = false;  // None passes unchanged
+};
+
+// A parsed signature: what a call is bound and checked by.
+struct Signature {
+    static constexpr std::size_t kMostParameters = 5;
+
+    std::string name;
+    std::array<Parameter, kMostParameters> parameters;
+    std::size_t count = 0;
+};
+
+// A row of the table of methods.
+struct Method {
+    const char* signature;
+    const char* description;  // null for none
+    vectorcallfunc entry;
+    Signature* parsed;  // filled when the class is made
+};
+
+// Binds a call's arguments as the signature says, converts and tests them; raises TypeError with the boundary's
+// messages. `bound` has room for each parameter and owns what it holds.
+void bind_arguments(const Signature& signature, PyObject* function, PyObject* const* arguments, std::size_t count,
+                    PyObject* keyword_names, Ref* bound);
+
+// Refuses a call nested too deeply, as the host does for its own functions.
+class RecursionGuard {
+public:
+    RecursionGuard() { check(Py_EnterRecursiveCall(" while calling a Python object")); }
+    ~RecursionGuard() { Py_LeaveRecursiveCall(); }
+    RecursionGuard(const RecursionGuard&) = delete;
+    RecursionGuard& operator=(const RecursionGuard&) = delete;
+};
+
+// The call slot's function for one body, which takes its arguments borrowed and returns an owned result.
+template <auto body>
+struct Entry;
+
+template <class... Arguments, Ref (*body)(Arguments...)>
+struct Entry<body> {
+    static constexpr std::size_t kCount = sizeof...(Arguments);
+    static_assert(kCount <= Signature::kMostParameters);
+    static inline Signature signature;
+
+    static PyObject* call(PyObject* function, PyObject* const* arguments, std::size_t flagged_count,
+                          PyObject* keyword_names) noexcept {
+        return guarded(
+            [&]() -> PyObject* {
+                const RecursionGuard guard;
+                std::array<Ref, kCount> bound;
+                bind_arguments(signature, function, arguments,
+                               static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keyword_names,
+                               bound.data());
+                return run(bound, std::make_index_sequence<kCount>{});
+            },
+            static_cast<PyObject*>(nullptr));
+    }
+
+private:
+    template <std::size_t... positions>
+    static PyObject* run(const std::array<Ref, kCount>& bound, std::index_sequence<positions...> /*positions*/) {
+        return body(bound[positions]...).release();
+    }
+};
+
+template <auto body>
+constexpr Method method(const char* signature, const char* description = nullptr) {
+    return {signature, description, &Entry<body>::call, &Entry<body>::signature};
+}
+
+// Makes a class of these methods, in their order, whose functions have `globals` as their namespace.
+Ref make_class(const char* name, std::span<const Method> methods, PyObject* globals);
+
+}  // namespace jdb

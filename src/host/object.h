@@ -1,0 +1,93 @@
+// Work on host objects by the host's own rules. Each function does what the expression of the host language beside it
+// does and throws PythonError where that raises; each may run host code. Look-ups return owned references.
+#pragma once
+
+#include <initializer_list>
+#include <string_view>
+
+#include "host/names.h"
+#include "host/python.h"
+#include "host/ref.h"
+
+namespace jdb {
+
+struct Keyword {
+    PyObject* name;
+    PyObject* value;
+};
+
+inline Ref get_attribute(PyObject* object, PyObject* name) {  // object.name
+    return Ref::steal(PyObject_GetAttr(object, name));
+}
+inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {  // object.name = value
+    check(PyObject_SetAttr(object, name, value));
+}
+Ref get_item(PyObject* container, PyObject* key);       // container[key]
+Ref get_item(PyObject* sequence, Py_ssize_t position);  // sequence[position], not negative
+Ref find_item(PyObject* dict, PyObject* key);           // the item of a dict, an empty Ref when there is none
+Ref get(PyObject* mapping, PyObject* key);              // mapping.get(key)
+inline void set_item(PyObject* container, PyObject* key, PyObject* value) {  // container[key] = value
+    check(PyObject_SetItem(container, key, value));
+}
+inline bool contains(PyObject* container, PyObject* item) {  // item in container
+    return check(PySequence_Contains(container, item)) != 0;
+}
+inline bool truth(PyObject* object) {  // bool(object)
+    return check(PyObject_IsTrue(object)) != 0;
+}
+bool equal(PyObject* left, PyObject* right);    // bool(left == right); an object need not equal itself
+bool unequal(PyObject* left, PyObject* right);  // bool(left != right)
+inline Py_ssize_t length(PyObject* object) {    // len(object)
+    const Py_ssize_t size = PyObject_Size(object);
+    if (size < 0) throw PythonError{};
+    return size;
+}
+inline Ref text_of(PyObject* object) {  // str(object)
+    return Ref::steal(PyObject_Str(object));
+}
+Ref format(PyObject* object);                 // format(object), a string as it stands
+void append(PyObject* list, PyObject* item);  // list.append(item)
+inline Ref integer(Py_ssize_t value) { return Ref::steal(PyLong_FromSsize_t(value)); }
+inline Ref new_text(std::string_view utf8) {
+    return Ref::steal(PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr));
+}
+inline Ref new_list() { return Ref::steal(PyList_New(0)); }
+inline Ref new_dict() { return Ref::steal(PyDict_New()); }
+
+// callable(*positional, **keywords), and object.name(...) by the host's method look-up.
+Ref call(PyObject* callable, std::initializer_list<PyObject*> positional, std::initializer_list<Keyword> keywords = {});
+Ref call_method(PyObject* object, PyObject* name, std::initializer_list<PyObject*> positional = {},
+                std::initializer_list<Keyword> keywords = {});
+
+// `for item in iterable`: a range of owned items. A list or a tuple is walked in place, its size read anew at
+// each step, as the host's own iterators do.
+class Iteration {
+public:
+    explicit Iteration(PyObject* iterable);
+
+    struct End {};
+    class Iterator {
+    public:
+        explicit Iterator(Iteration& iteration) : iteration_(&iteration) { ++*this; }
+        Iterator& operator++() {
+            item_ = iteration_->next();
+            return *this;
+        }
+        [[nodiscard]] const Ref& operator*() const { return item_; }
+        [[nodiscard]] bool operator==(End /*end*/) const { return !item_; }
+
+    private:
+        Iteration* iteration_;
+        Ref item_;
+    };
+    [[nodiscard]] Iterator begin() { return Iterator(*this); }
+    [[nodiscard]] End end() const { return {}; }  // NOLINT(readability-convert-member-functions-to-static)
+
+private:
+    [[nodiscard]] Ref next();
+
+    Ref source_;  // the list or tuple itself, otherwise the host's iterator
+    Py_ssize_t position_ = 0;
+};
+
+}  // namespace jdb

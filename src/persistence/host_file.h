@@ -1,0 +1,25 @@
+// Files opened through the host's `open`.
+#pragma once
+
+#include "host/object.h"
+
+namespace jdb::persistence {
+
+// Runs `use` with the opened file as the host's `with` statement does: the file is closed on success and on failure.
+template <class Use>
+void with_file(PyObject* file, Use use) {
+    const Ref exit = get_attribute(file, names::exit);
+    const Ref entered = call_method(file, names::enter);
+    try {
+        use(entered);
+    } catch (const PythonError&) {
+        HandledError error;
+        PyObject* traceback = error.traceback() == nullptr ? Py_None : error.traceback();
+        const Ref suppressed = call(exit, {error.type(), error.value(), traceback});
+        if (truth(suppressed)) return;
+        error.reraise();
+    }
+    call(exit, {Py_None, Py_None, Py_None});
+}
+
+}  // namespace jdb::persistence

@@ -1,0 +1,96 @@
+// The mark and the rebuilding. The new indexes are complete before the table gets them and loses its mark.
+#include "records/loaded_indexes.h"
+
+#include <vector>
+
+#include "records/rows.h"
+
+namespace jdb {
+namespace {
+
+// The object's own dictionary, an empty Ref where it has none (another class may stand in for Table).
+Ref own_dict(PyObject* object) {
+    PyObject** dict = _PyObject_GetDictPtr(object);
+    return dict == nullptr || *dict == nullptr ? Ref{} : Ref::borrow(*dict);
+}
+
+struct IndexedColumn {
+    Py_ssize_t position;
+    Ref index;
+};
+
+bool is_hashable(PyObject* value) {
+    if (PyObject_Hash(value) != -1) return true;
+    if (PyErr_ExceptionMatches(PyExc_TypeError) == 0) throw PythonError{};
+    PyErr_Clear();
+    return false;
+}
+
+void list_row(PyObject* index, PyObject* value, PyObject* row_id) {
+    Ref ids = find_item(index, value);
+    if (!ids) {
+        ids = new_list();
+        set_item(index, value, ids);
+    }
+    append(ids, row_id);
+}
+
+Ref rebuild(PyObject* table, PyObject* as_read) {
+    Ref indexes = new_dict();
+    std::vector<IndexedColumn> indexed;
+    Py_ssize_t position = 0;
+    const Ref columns = get_attribute(table, names::columns);
+    for (const Ref& column : Iteration(columns)) {
+        const Ref name = get_attribute(column, names::name);
+        const Ref unique = get_attribute(column, names::unique);
+        if (truth(unique) || (PyDict_Check(as_read) && contains(as_read, name))) {
+            Ref index = find_item(indexes, name);
+            if (!index) {
+                index = new_dict();
+                set_item(indexes, name, index);
+            }
+            indexed.push_back({position, index});
+        }
+        ++position;
+    }
+
+    if (indexed.empty()) return indexes;
+    Py_ssize_t id = 0;
+    const Ref rows = get_attribute(table, names::rows);
+    for (const Ref& row : Iteration(rows)) {
+        if (PyList_CheckExact(static_cast<PyObject*>(row)) && !is_deleted(row)) {
+            const Ref row_id = integer(id);
+            for (const IndexedColumn& column : indexed) {
+                if (column.position >= PyList_GET_SIZE(static_cast<PyObject*>(row))) continue;
+                const Ref value = get_item(row, column.position);
+                if (is_hashable(value)) list_row(column.index, value, row_id);
+            }
+        }
+        ++id;
+    }
+    return indexes;
+}
+
+}  // namespace
+
+void mark_indexes_as_read(PyObject* table) {
+    const Ref dict = own_dict(table);
+    if (!dict) return;
+    const Ref indexes = find_item(dict, names::indexes);
+    if (indexes) set_item(dict, names::indexes_as_read, indexes);
+}
+
+void settle_indexes(PyObject* table) {
+    const Ref dict = own_dict(table);
+    if (!dict) return;
+    const Ref as_read = find_item(dict, names::indexes_as_read);
+    if (!as_read) return;
+    const Ref current = get_attribute(table, names::indexes);
+    if (current == as_read) {
+        const Ref indexes = rebuild(table, as_read);
+        set_attribute(table, names::indexes, indexes);
+    }
+    if (contains(dict, names::indexes_as_read)) check(PyDict_DelItem(dict, names::indexes_as_read));
+}
+
+}  // namespace jdb

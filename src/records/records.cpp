@@ -1,0 +1,62 @@
+// The two data classes, each from one list of its fields. Nothing of the records stays here once they are made:
+// the methods find them by name in the module's namespace.
+#include "records/records.h"
+
+#include <span>
+
+namespace jdb {
+namespace {
+
+struct Field {
+    const char* name;
+    const char* declared_type;
+    Ref default_value;  // empty where the field must be given
+};
+
+Ref make_record(const char* name, std::span<const Field> fields, PyObject* globals, PyObject* dataclass) {
+    const Ref attributes = new_dict();
+    const Ref annotations = new_dict();
+    const Ref class_name = new_text(name);
+    const Ref module_name = Ref::steal(PyMapping_GetItemString(globals, "__name__"));
+    check(PyDict_SetItemString(attributes, "__module__", module_name));
+    check(PyDict_SetItemString(attributes, "__qualname__", class_name));
+    check(PyDict_SetItemString(attributes, "__annotations__", annotations));
+    for (const Field& field : fields) {
+        const Ref declared_type = new_text(field.declared_type);
+        check(PyDict_SetItemString(annotations, field.name, declared_type));
+        if (field.default_value) check(PyDict_SetItemString(attributes, field.name, field.default_value));
+    }
+    const Ref bases = Ref::steal(PyTuple_New(0));
+    PyObject* metaclass = reinterpret_cast<PyObject*>(&PyType_Type);
+    const Ref plain_class = call(metaclass, {class_name, bases, attributes});
+    return call(dataclass, {plain_class});
+}
+
+}  // namespace
+
+Ref make_column_class(PyObject* globals, PyObject* dataclass) {
+    const Field fields[] = {
+        {"name", "str", {}},
+        {"data_type", "str", {}},
+        {"required", "bool", Ref::boolean(true)},
+        {"unique", "bool", Ref::boolean(false)},
+        {"default", "Any", Ref::none()},
+        {"validation_pattern", "Optional[str]", Ref::none()},
+    };
+    return make_record("Column", fields, globals, dataclass);
+}
+
+Ref make_table_class(PyObject* globals, PyObject* dataclass, PyObject* field) {
+    const auto made_anew = [&](PyTypeObject& type) {
+        return call(field, {}, {{names::default_factory, reinterpret_cast<PyObject*>(&type)}});
+    };
+    const Field fields[] = {
+        {"name", "str", {}},
+        {"columns", "List[Column]", {}},
+        {"rows", "List[List[Any]]", made_anew(PyList_Type)},
+        {"indexes", "Dict[str, Dict[Any, List[int]]]", made_anew(PyDict_Type)},
+    };
+    return make_record("Table", fields, globals, dataclass);
+}
+
+}  // namespace jdb

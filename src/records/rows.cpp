@@ -1,0 +1,47 @@
+// Tests on rows. A row or a list of rows that the host has replaced by another kind of object is walked as such.
+#include "records/rows.h"
+
+namespace jdb {
+
+bool is_deleted(PyObject* row) {
+    if (PyList_CheckExact(row)) {
+        // No host code runs in here, so the row can't change.
+        const Py_ssize_t size = PyList_GET_SIZE(row);
+        for (Py_ssize_t i = 0; i < size; ++i) {
+            if (PyList_GET_ITEM(row, i) != Py_None) return false;
+        }
+        return true;
+    }
+    for (const Ref& value : Iteration(row)) {
+        if (value != Py_None) return false;
+    }
+    return true;
+}
+
+Ref make_tombstone(PyObject* columns) {
+    const Py_ssize_t size = length(columns);
+    Ref row = Ref::steal(PyList_New(size));
+    for (Py_ssize_t i = 0; i < size; ++i) {
+        PyList_SET_ITEM(static_cast<PyObject*>(row), i, Ref::none().release());
+    }
+    return row;
+}
+
+bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position) {
+    int overflow = 0;
+    const long long id = PyLong_AsLongLongAndOverflow(row_id, &overflow);
+    if (id < 0 || overflow != 0) return false;
+    if (id >= length(rows)) return false;
+    position = static_cast<Py_ssize_t>(id);
+    return true;
+}
+
+Py_ssize_t count_live(PyObject* rows) {
+    Py_ssize_t count = 0;
+    for (const Ref& row : Iteration(rows)) {
+        if (!is_deleted(row)) ++count;
+    }
+    return count;
+}
+
+}  // namespace jdb

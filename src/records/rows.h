@@ -1,0 +1,20 @@
+// Rows as a table holds them: lists of values in column order, addressed by their position, a deleted one all None.
+#pragma once
+
+#include "host/object.h"
+
+namespace jdb {
+
+// Whether every value of the row is None; so is an empty row's.
+bool is_deleted(PyObject* row);
+
+// A new row of None, one for each of the columns.
+Ref make_tombstone(PyObject* columns);
+
+// Whether the id, exactly an int of any size, is a position in `rows`. Then `position` is set to it.
+bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position);
+
+// How many rows are not deleted.
+Py_ssize_t count_live(PyObject* rows);
+
+}  // namespace jdb

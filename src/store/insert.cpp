@@ -1,0 +1,73 @@
+// Validation first, then the row, then its index entries, then the file. Until the row is listed everywhere it can
+// be taken back, and then leaves neither entry nor id behind.
+#include "store/insert.h"
+
+#include "records/database.h"
+#include "records/loaded_indexes.h"
+#include "records/rows.h"
+#include "store/indexes.h"
+#include "store/validate.h"
+
+namespace jdb::store {
+namespace {
+
+// A row at the end of a table's rows, taken off again unless it is kept.
+class AppendedRow {
+public:
+    AppendedRow(PyObject* rows, PyObject* row) : rows_(Ref::borrow(rows)), row_(Ref::borrow(row)) {
+        append(rows, row);
+        appended_ = true;
+    }
+    ~AppendedRow() {
+        if (!appended_) return;
+        const SavedError error;
+        attempt([&] { take_off(); });
+    }
+    AppendedRow(const AppendedRow&) = delete;
+    AppendedRow& operator=(const AppendedRow&) = delete;
+
+    void keep() noexcept { appended_ = false; }
+
+private:
+    // Rows that host code has put behind it keep their ids: then its place stays, as a deleted row's.
+    void take_off() const {
+        const Py_ssize_t last = length(rows_) - 1;
+        for (Py_ssize_t position = last; position >= 0; --position) {
+            const Ref row = get_item(rows_, position);
+            if (row != row_) continue;
+            if (position == last) {
+                check(PySequence_DelItem(rows_, position));
+            } else {
+                const Ref tombstone = make_tombstone(row_);
+                check(PySequence_SetItem(rows_, position, tombstone));
+            }
+            return;
+        }
+    }
+
+    Ref rows_;
+    Ref row_;
+    bool appended_ = false;
+};
+
+}  // namespace
+
+Ref insert(PyObject* self, PyObject* table_name, PyObject* data) {
+    const Ref table = require_table(self, table_name);
+    settle_indexes(table);
+    const Ref validated = call_method(self, names::validate_row, {table, data});
+    const Ref row = make_row(table, validated);
+
+    const Ref rows = get_attribute(table, names::rows);
+    Ref row_id = integer(length(rows));
+    AppendedRow appended(rows, row);
+    IndexAddition listed(row_id);
+    listed.add(table, row);
+    listed.keep();
+    appended.keep();
+
+    call_method(self, names::save);
+    return row_id;
+}
+
+}  // namespace jdb::store

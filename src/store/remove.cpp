@@ -1,0 +1,51 @@
+// A row leaves the indexes before it leaves its place; when that can't be finished, its entries are put back and the
+// row stays. What clear_table removed before such a failure stays removed.
+#include "store/remove.h"
+
+#include "records/database.h"
+#include "records/loaded_indexes.h"
+#include "records/rows.h"
+#include "store/indexes.h"
+
+namespace jdb::store {
+namespace {
+
+void remove_row(PyObject* table, PyObject* row_id) {
+    const Ref rows = get_attribute(table, names::rows);
+    const Ref row = get_item(rows, row_id);
+    IndexWithdrawal withdrawn(table, row_id, row);
+    withdrawn.withdraw();
+    const Ref columns = get_attribute(table, names::columns);
+    const Ref tombstone = make_tombstone(columns);
+    const Ref current_rows = get_attribute(table, names::rows);
+    set_item(current_rows, row_id, tombstone);
+    withdrawn.keep();
+}
+
+}  // namespace
+
+Ref delete_row(PyObject* self, PyObject* table_name, PyObject* row_id) {
+    const Ref table = require_table(self, table_name);
+    Py_ssize_t position = 0;
+    const Ref rows = get_attribute(table, names::rows);
+    if (!has_row(rows, row_id, position)) raise(PyExc_IndexError, "Row index out of range");
+    settle_indexes(table);
+    remove_row(table, row_id);
+    call_method(self, names::save);
+    return Ref::boolean(true);
+}
+
+Ref clear_table(PyObject* self, PyObject* table_name) {
+    const Ref table = require_table(self, table_name);
+    settle_indexes(table);
+    const Ref rows = get_attribute(table, names::rows);
+    const Py_ssize_t count = length(rows);
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        const Ref row_id = integer(i);
+        remove_row(table, row_id);
+    }
+    call_method(self, names::save);
+    return Ref::boolean(true);
+}
+
+}  // namespace jdb::store

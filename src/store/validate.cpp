@@ -1,0 +1,116 @@
+// One pass over the columns, each through the same steps in the same order; the first failure ends it. Only new objects
+// are written to, so that a refused row leaves no trace.
+#include "store/validate.h"
+
+#include "host/module_state.h"
+#include "records/rows.h"
+
+namespace jdb::store {
+namespace {
+
+bool is_keyword(PyObject* data_type, Name& keyword) { return equal(data_type, keyword); }
+
+Ref to_number(PyObject* value) {
+    const Ref text = text_of(value);
+    return Ref::steal(contains(text, names::point) ? PyNumber_Float(value) : PyNumber_Long(value));
+}
+
+Ref to_date(PyObject* text) {
+    const Ref datetime = global(names::datetime);
+    const Ref parsed = call_method(datetime, names::strptime, {text, names::date_format});
+    return call_method(parsed, names::date);
+}
+
+Ref convert(PyObject* data_type, PyObject* value) {
+    if (is_keyword(data_type, names::number)) return to_number(value);
+    if (is_keyword(data_type, names::boolean)) return Ref::boolean(truth(value));
+    if (is_keyword(data_type, names::date) && PyUnicode_Check(value)) return to_date(value);
+    return Ref::borrow(value);
+}
+
+Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
+    const Ref data_type = get_attribute(column, names::data_type);
+    try {
+        return convert(data_type, value);
+    } catch (const PythonError&) {
+        if (PyErr_ExceptionMatches(PyExc_ValueError) == 0 && PyErr_ExceptionMatches(PyExc_TypeError) == 0) throw;
+        const HandledError cause;
+        const Ref type_text = format(data_type);
+        const Ref name_text = format(column_name);
+        raise(PyExc_ValueError, "Invalid %U value for column '%U'", static_cast<PyObject*>(type_text),
+              static_cast<PyObject*>(name_text));
+    }
+}
+
+// Raises ValueError with the column's name between the two pieces.
+[[noreturn]] void refuse(const char* before, PyObject* column_name, const char* after) {
+    const Ref name_text = format(column_name);
+    raise(PyExc_ValueError, "%s%U%s", before, static_cast<PyObject*>(name_text), after);
+}
+
+void match_pattern(PyObject* column, PyObject* column_name, PyObject* value) {
+    const Ref pattern = get_attribute(column, names::validation_pattern);
+    if (!truth(pattern) || !PyUnicode_Check(value)) return;
+    const Ref re = global(names::re);
+    const Ref found = call_method(re, names::match, {pattern, value});
+    if (!truth(found)) refuse("Value for column '", column_name, "' doesn't match validation pattern");
+}
+
+void refuse_duplicate(PyObject* self, PyObject* table, PyObject* column_name, PyObject* value, PyObject* data,
+                      bool update) {
+    const auto refuse_this = [&] { refuse("Duplicate value for unique column '", column_name, "'"); };
+    const Ref rows = get_attribute(table, names::rows);
+    for (const Ref& row : Iteration(rows)) {
+        if (is_deleted(row)) continue;
+        const Ref row_dict = call_method(self, names::row_to_dict, {table, row});
+        const Ref stored = get(row_dict, column_name);
+        if (!equal(stored, value)) continue;
+        const Ref row_id = call_method(self, names::dict_to_row_id, {table, data});
+        if (row_id == Py_None) continue;
+        if (!update) refuse_this();
+        const Ref current_rows = get_attribute(table, names::rows);
+        const Ref found_row = get_item(current_rows, row_id);
+        if (unequal(row, found_row)) refuse_this();
+    }
+}
+
+}  // namespace
+
+Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* update) {
+    const bool updating = update == Py_True;
+    Ref validated = new_dict();
+    const Ref columns = get_attribute(table, names::columns);
+    for (const Ref& column : Iteration(columns)) {
+        const Ref column_name = get_attribute(column, names::name);
+        const Ref default_value = get_attribute(column, names::default_value);
+        Ref value = find_item(data, column_name);
+        if (!value) value = default_value;
+
+        const Ref required = get_attribute(column, names::required);
+        if (truth(required) && value == Py_None && !updating) refuse("Column '", column_name, "' is required");
+        if (value != Py_None) {
+            value = coerce(column, column_name, value);
+            match_pattern(column, column_name, value);
+        }
+        set_item(validated, column_name, value);
+
+        const Ref unique = get_attribute(column, names::unique);
+        if (truth(unique) && value != Py_None) {
+            refuse_duplicate(self, table, column_name, value, data, updating);
+        }
+    }
+    return validated;
+}
+
+Ref make_row(PyObject* table, PyObject* validated) {
+    Ref row = new_list();
+    const Ref columns = get_attribute(table, names::columns);
+    for (const Ref& column : Iteration(columns)) {
+        const Ref name = get_attribute(column, names::name);
+        const Ref value = get_item(validated, name);
+        append(row, value);
+    }
+    return row;
+}
+
+}  // namespace jdb::store
