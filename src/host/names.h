@@ -80,6 +80,7 @@ inline constinit Name getvalue{"getvalue"};
 inline constinit Name insert{"insert"};
 inline constinit Name items{"items"};
 inline constinit Name ljust{"ljust"};
+inline constinit Name loads{"loads"};
 inline constinit Name match{"match"};
 inline constinit Name path{"path"};
 inline constinit Name read{"read"};
@@ -98,6 +99,7 @@ inline constinit Name update{"update"};
 // Texts passed as arguments.
 inline constinit Name date_format{"%Y-%m-%d"};
 inline constinit Name mode_read{"r"};
+inline constinit Name mode_read_bytes{"rb"};
 inline constinit Name mode_write{"w"};
 inline constinit Name point{"."};
 inline constinit Name utf8{"utf-8"};

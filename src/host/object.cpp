@@ -74,6 +74,12 @@ Ref get(PyObject* mapping, PyObject* key) {
     return item ? item : Ref::none();
 }
 
+Ref get(PyObject* mapping, PyObject* key, PyObject* fallback) {
+    if (!PyDict_CheckExact(mapping)) return call_method(mapping, names::get, {key, fallback});
+    Ref item = find_item(mapping, key);
+    return item ? item : Ref::borrow(fallback);
+}
+
 bool equal(PyObject* left, PyObject* right) { return compare(left, right, Py_EQ); }
 bool unequal(PyObject* left, PyObject* right) { return compare(left, right, Py_NE); }
 

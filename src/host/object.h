@@ -22,10 +22,11 @@ inline Ref get_attribute(PyObject* object, PyObject* name) {  // object.name
 inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {  // object.name = value
     check(PyObject_SetAttr(object, name, value));
 }
-Ref get_item(PyObject* container, PyObject* key);       // container[key]
-Ref get_item(PyObject* sequence, Py_ssize_t position);  // sequence[position], not negative
-Ref find_item(PyObject* dict, PyObject* key);           // the item of a dict, an empty Ref when there is none
-Ref get(PyObject* mapping, PyObject* key);              // mapping.get(key)
+Ref get_item(PyObject* container, PyObject* key);               // container[key]
+Ref get_item(PyObject* sequence, Py_ssize_t position);          // sequence[position], not negative
+Ref find_item(PyObject* dict, PyObject* key);                   // the item of a dict, an empty Ref when there is none
+Ref get(PyObject* mapping, PyObject* key);                      // mapping.get(key)
+Ref get(PyObject* mapping, PyObject* key, PyObject* fallback);  // mapping.get(key, fallback)
 inline void set_item(PyObject* container, PyObject* key, PyObject* value) {  // container[key] = value
     check(PyObject_SetItem(container, key, value));
 }

@@ -3,6 +3,8 @@
 // next one starts afresh.
 #include "host/module_state.h"
 #include "module/methods.h"
+#include "persistence/json_text.h"
+#include "records/fields.h"
 #include "records/records.h"
 
 namespace jdb {
@@ -83,10 +85,18 @@ void bind_for_good(PyObject* module) {
     replace(module_state.print, Ref::steal(PyObject_GetAttrString(builtins, "print")));
     replace(module_state.open, Ref::steal(PyObject_GetAttrString(io, "open")));
     replace(module_state.string_io, Ref::steal(PyObject_GetAttrString(io, "StringIO")));
+    replace(module_state.bytes_io, Ref::steal(PyObject_GetAttrString(io, "BytesIO")));
+    replace(module_state.text_io_wrapper, Ref::steal(PyObject_GetAttrString(io, "TextIOWrapper")));
+    persistence::import_date_types();
 }
 
 void bind_names() {
-    bind_module("json");
+    const Ref json = bind_module("json");
+    replace(module_state.json, json);
+    replace(module_state.json_dump, get_attribute(json, names::dump));
+    replace(module_state.json_load, get_attribute(json, names::load));
+    const Ref nan_text = new_text("NaN");
+    replace(module_state.nan, call_method(json, names::loads, {nan_text}));
     bind_module("os");
     const Ref typing = import("typing");
     bind_from(typing, {"Dict", "List", "Optional", "Any", "Union"});
@@ -96,12 +106,14 @@ void bind_names() {
     bind_module("re");
     const Ref datetime = import("datetime");
     bind_from(datetime, {"datetime"});
+    replace(module_state.date_type, get_attribute(datetime, names::date));
 
     const Ref column_class = make_column_class(module_state.globals, dataclass);
     bind("Column", column_class);
     const Ref table_class = make_table_class(module_state.globals, dataclass, field);
     bind("Table", table_class);
     const Ref database_class = make_class("JSONDatatable", methods(), module_state.globals);
+    note_originals(database_class);
     bind("JSONDatatable", database_class);
 }
 

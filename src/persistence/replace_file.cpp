@@ -62,19 +62,27 @@ Outcome run(SystemCall system_call) {
     throw PythonError{};
 }
 
-// Splits a path at its last slash.
-void set_path(ReplaceTarget& target, const std::string& path) {
-    const std::size_t start = path.rfind('/') + 1;  // 0 without a slash
-    target.directory = start == 0 ? std::string(1, '.') : path.substr(0, start);
-    target.file = path.substr(start);
-}
-
 std::string read_link(const std::string& path, PyObject* name) {
     std::array<char, 4096> text{};
     const Outcome read = run([&] { return readlink(path.c_str(), text.data(), text.size()); });
     if (read.error != 0) raise_os_error(read.error, name);
     if (static_cast<std::size_t>(read.result) == text.size()) raise_os_error(ENAMETOOLONG, name);
     return {text.data(), static_cast<std::size_t>(read.result)};
+}
+
+// Up to the last slash, which stays; empty without one.
+std::string directory_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+
+// The path behind any links in its last place, which may lead to nothing yet; what lies there goes into `status`.
+std::string follow_links(std::string path, struct stat& status, PyObject* name) {
+    for (int links = 0; links <= kMostLinks; ++links) {
+        const Outcome found = run([&] { return lstat(path.c_str(), &status); });
+        if (found.error != 0 && found.error != ENOENT) raise_os_error(found.error, name);
+        if (found.error == ENOENT || !S_ISLNK(status.st_mode)) return path;
+        const std::string link = read_link(path, name);
+        path = link.starts_with('/') ? link : directory_of(path) + link;
+    }
+    raise_os_error(ELOOP, name);
 }
 
 std::string random_name() {
@@ -100,25 +108,21 @@ std::optional<ReplaceTarget> find_replace_target(PyObject* filename) {
     const Ref owned = Ref::steal(encoded);
     std::string path(PyBytes_AS_STRING(encoded), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded)));
 
-    for (int links = 0;; ++links) {
-        if (links > kMostLinks) raise_os_error(ELOOP, target.name);
-        struct stat status {};
-        const Outcome found = run([&] { return lstat(path.c_str(), &status); });
-        set_path(target, path);
-        if (found.error == ENOENT && !target.file.empty()) break;
-        if (found.error != 0) {
-            if (target.file.empty() && !path.empty()) return std::nullopt;  // `open` knows the error for "name/"
-            raise_os_error(found.error, target.name);
-        }
-        if (S_ISLNK(status.st_mode)) {
-            std::string link = read_link(path, target.name);
-            path = link.starts_with('/') || target.directory == "." ? link : target.directory + link;
-            continue;
-        }
-        if (!S_ISREG(status.st_mode) || target.file.empty()) return std::nullopt;
-        target.exists = true;
-        break;
-    }
+    if (path.ends_with('/')) return std::nullopt;  // a directory's, if any; `open` knows the error
+
+    struct stat opened {};
+    const Outcome found = run([&] { return stat(path.c_str(), &opened); });
+    if (found.error != 0 && found.error != ENOENT) raise_os_error(found.error, target.name);
+    target.exists = found.error == 0;
+    if (target.exists && !S_ISREG(opened.st_mode)) return std::nullopt;
+
+    struct stat last {};
+    path = follow_links(path, last, target.name);
+    target.directory = directory_of(path);
+    target.file = path.substr(target.directory.size());
+    // A link may lead where no path does, as those in /proc to open files.
+    const bool reached = !target.exists || (last.st_dev == opened.st_dev && last.st_ino == opened.st_ino);
+    if (!reached || path.ends_with('/')) return std::nullopt;
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
     check(PySys_Audit("open", "Osi", static_cast<PyObject*>(target.name), "w", flags));
     return target;
@@ -142,7 +146,8 @@ FileReplacement::~FileReplacement() {
 
 void FileReplacement::open_directory() {
     const auto open_as = [&](int access) {
-        return run([&] { return open(target_.directory.c_str(), access | O_DIRECTORY | O_CLOEXEC); });
+        const char* path = target_.directory.empty() ? "." : target_.directory.c_str();
+        return run([&] { return open(path, access | O_DIRECTORY | O_CLOEXEC); });
     };
     Outcome opened = open_as(O_RDONLY);
     if (opened.error == EACCES) {

@@ -5,24 +5,26 @@
 #include <utility>
 #include <vector>
 
+#include "records/fields.h"
 #include "records/loaded_indexes.h"
 #include "records/rows.h"
+#include "records/scan.h"
 
 namespace jdb::query {
 namespace {
 
 // The row id listed first under the value of a unique column that the data has; an empty Ref when none is listed.
 Ref find_by_unique_value(PyObject* table, PyObject* data) {
-    const Ref columns = get_attribute(table, names::columns);
+    const Ref nothing_listed = new_dict();
+    const Ref columns = get_field(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
-        const Ref unique = get_attribute(column, names::unique);
+        const Ref unique = get_field(column, names::unique);
         if (!truth(unique)) continue;
-        const Ref name = get_attribute(column, names::name);
+        const Ref name = get_field(column, names::name);
         const Ref value = find_item(data, name);
         if (!value) continue;
-        const Ref indexes = get_attribute(table, names::indexes);
-        if (!contains(indexes, name)) continue;
-        const Ref index = get_item(indexes, name);
+        const Ref indexes = get_field(table, names::indexes);
+        const Ref index = get(indexes, name, nothing_listed);
         if (!contains(index, value)) continue;
         const Ref ids = get_item(index, value);
         return get_item(ids, Py_ssize_t{0});
@@ -38,9 +40,9 @@ struct Wanted {
 
 Py_ssize_t first_position(PyObject* table, PyObject* key) {
     Py_ssize_t position = 0;
-    const Ref columns = get_attribute(table, names::columns);
+    const Ref columns = get_field(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
-        const Ref name = get_attribute(column, names::name);
+        const Ref name = get_field(column, names::name);
         if (equal(name, key)) return position;
         ++position;
     }
@@ -57,15 +59,52 @@ bool matches(PyObject* table, PyObject* row, std::vector<Wanted>& entries) {
     return true;
 }
 
+// The fast road past rows that are certain not to match: the first position from `start` on whose row needs a
+// closer look, or the end. It is open while reading the columns runs no host code.
+Py_ssize_t skip_unmatched(PyObject* table, PyObject* rows, const std::vector<Wanted>& entries, Py_ssize_t start) {
+    const std::optional<ScanColumns> columns = ScanColumns::of(table);
+    if (!columns) return start;
+    std::vector<Condition> conditions;
+    for (const Wanted& wanted : entries) {
+        if (!PyUnicode_CheckExact(wanted.key)) return start;
+        const Py_ssize_t position = columns->first(wanted.key);
+        conditions.push_back({position < 0 ? Condition::kNeverHolds : position, wanted.value});
+    }
+    Py_ssize_t i = start;
+    for (; i < PyList_GET_SIZE(rows); ++i) {
+        PyObject* row = PyList_GET_ITEM(rows, i);
+        if (!is_wide_enough(row, columns->count())) break;
+        if (!is_deleted(row) && match_plain(row, conditions) != Equality::unequal) break;
+    }
+    return i;
+}
+
+Ref find_by_scan(PyObject* table, PyObject* rows, std::vector<Wanted>& entries) {
+    if (!PyList_CheckExact(rows)) {
+        Py_ssize_t row_id = -1;
+        for (const Ref& row : Iteration(rows)) {
+            ++row_id;
+            if (!is_deleted(row) && matches(table, row, entries)) return integer(row_id);
+        }
+        return Ref::none();
+    }
+    for (Py_ssize_t row_id = 0;; ++row_id) {
+        row_id = skip_unmatched(table, rows, entries, row_id);
+        if (row_id >= PyList_GET_SIZE(rows)) return Ref::none();
+        const Ref row = get_item(rows, row_id);
+        if (!is_deleted(row) && matches(table, row, entries)) return integer(row_id);
+    }
+}
+
 }  // namespace
 
 Ref row_to_dict(PyObject* /*self*/, PyObject* table, PyObject* row, PyObject* columns) {
     Ref row_dict = new_dict();
     Py_ssize_t position = -1;
-    const Ref table_columns = get_attribute(table, names::columns);
+    const Ref table_columns = get_field(table, names::columns);
     for (const Ref& column : Iteration(table_columns)) {
         ++position;
-        const Ref name = get_attribute(column, names::name);
+        const Ref name = get_field(column, names::name);
         if (columns != Py_None && !contains(columns, name)) continue;
         const Ref value = get_item(row, position);
         set_item(row_dict, name, value);
@@ -84,7 +123,7 @@ Ref project_row(PyObject* /*self*/, PyObject* row_dict, PyObject* columns) {
 }
 
 Ref dict_to_row_id(PyObject* /*self*/, PyObject* table, PyObject* data) {
-    const Ref rows = get_attribute(table, names::rows);
+    const Ref rows = get_field(table, names::rows);
     if (!truth(rows)) return Ref::none();
     settle_indexes(table);
     Ref listed = find_by_unique_value(table, data);
@@ -95,13 +134,8 @@ Ref dict_to_row_id(PyObject* /*self*/, PyObject* table, PyObject* data) {
     for (const Ref& item : Iteration(items)) {
         entries.push_back({get_item(item, Py_ssize_t{0}), get_item(item, Py_ssize_t{1}), {}});
     }
-    Py_ssize_t row_id = -1;
-    const Ref current_rows = get_attribute(table, names::rows);
-    for (const Ref& row : Iteration(current_rows)) {
-        ++row_id;
-        if (!is_deleted(row) && matches(table, row, entries)) return integer(row_id);
-    }
-    return Ref::none();
+    const Ref current_rows = get_field(table, names::rows);
+    return find_by_scan(table, current_rows, entries);
 }
 
 }  // namespace jdb::query

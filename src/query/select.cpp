@@ -1,9 +1,16 @@
 // The two roads of select, and get_row. They read only; an error drops what was found so far.
 #include "query/select.h"
 
+#include <optional>
+#include <vector>
+
+#include "host/collector.h"
+#include "query/convert.h"
 #include "records/database.h"
+#include "records/fields.h"
 #include "records/loaded_indexes.h"
 #include "records/rows.h"
+#include "records/scan.h"
 
 namespace jdb::query {
 namespace {
@@ -13,11 +20,6 @@ bool is_limited(PyObject* limit) { return limit != Py_None && truth(limit); }
 // A limit beyond a machine word cuts off as much as the nearest one within.
 Py_ssize_t clamped(PyObject* limit) { return PyNumber_AsSsize_t(limit, nullptr); }
 
-struct Condition {
-    Ref name;
-    Ref value;
-};
-
 // `results[:limit]`
 Ref cut(const Ref& results, PyObject* limit) {
     if (!is_limited(limit)) return results;
@@ -26,15 +28,22 @@ Ref cut(const Ref& results, PyObject* limit) {
     return Ref::steal(PyList_GetSlice(results, 0, end));
 }
 
+// Whether self._row_to_dict may be called directly: nobody has redefined it, and the boundary before it would let the
+// row pass.
+bool converts_plainly(PyObject* self, PyObject* row) {
+    return PyList_CheckExact(row) && has_original(self, names::row_to_dict);
+}
+
 Ref select_listed(PyObject* self, PyObject* table, PyObject* index, PyObject* value, PyObject* columns) {
     Ref results = new_list();
-    if (!contains(index, value)) return results;
-    const Ref ids = get_item(index, value);
+    const Ref none_listed = new_list();
+    const Ref ids = get(index, value, none_listed);
     for (const Ref& id : Iteration(ids)) {
-        const Ref rows = get_attribute(table, names::rows);
+        const Ref rows = get_field(table, names::rows);
         const Ref row = get_item(rows, id);
         if (is_deleted(row)) continue;
-        const Ref row_dict = call_method(self, names::row_to_dict, {table, row, columns});
+        const Ref row_dict = converts_plainly(self, row) ? row_to_dict(self, table, row, columns)
+                                                         : call_method(self, names::row_to_dict, {table, row, columns});
         append(results, row_dict);
     }
     return results;
@@ -52,18 +61,114 @@ bool holds(PyObject* row_dict, PyObject* conditions) {
     return true;
 }
 
-Ref select_scanned(PyObject* self, PyObject* table, PyObject* conditions, PyObject* columns, PyObject* limit) {
-    Ref results = new_list();
-    const Ref rows = get_attribute(table, names::rows);
-    for (const Ref& row : Iteration(rows)) {
-        if (is_deleted(row)) continue;
-        const Ref row_dict = call_method(self, names::row_to_dict, {table, row});
-        if (!holds(row_dict, conditions)) continue;
-        const Ref projected = call_method(self, names::project_row, {row_dict, columns});
-        append(results, projected);
-        if (is_limited(limit) && length(results) >= clamped(limit)) break;
+struct Query {
+    PyObject* self;
+    PyObject* table;
+    PyObject* conditions;
+    PyObject* columns;
+};
+
+// What a scan has found; it is full as soon as a row added reaches the limit, a negative limit being reached by
+// the first.
+class Results {
+public:
+    explicit Results(PyObject* limit)
+        : list_(new_list()), limited_(is_limited(limit)), limit_(limited_ ? clamped(limit) : 0) {}
+
+    void add(PyObject* row_dict) {
+        append(list_, row_dict);
+        full_ = limited_ && length(list_) >= limit_;
     }
-    return results;
+    [[nodiscard]] bool full() const { return full_; }
+    [[nodiscard]] const Ref& list() const { return list_; }
+
+private:
+    Ref list_;
+    bool limited_;
+    Py_ssize_t limit_;
+    bool full_ = false;
+};
+
+// One row's part of a scan by the defining steps, each a method of the object.
+void select_row(const Query& query, PyObject* row, Results& results) {
+    if (is_deleted(row)) return;
+    const Ref row_dict = call_method(query.self, names::row_to_dict, {query.table, row});
+    if (!holds(row_dict, query.conditions)) return;
+    const Ref projected = call_method(query.self, names::project_row, {row_dict, query.columns});
+    results.add(projected);
+}
+
+// The conditions by position; nothing where a name is not exactly a string.
+std::optional<std::vector<Condition>> plain_conditions(const Query& query, const ScanColumns& columns) {
+    std::vector<Condition> result;
+    if (query.conditions == Py_None) return result;
+    Py_ssize_t at = 0;
+    PyObject* name = nullptr;
+    PyObject* value = nullptr;
+    while (PyDict_Next(query.conditions, &at, &name, &value) != 0) {
+        if (!PyUnicode_CheckExact(name)) return std::nullopt;
+        // -1, no such column, is kHoldsNone.
+        result.push_back({columns.last(name), Ref::borrow(value)});
+    }
+    return result;
+}
+
+bool are_plain_names(PyObject* names) {
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names); ++i) {
+        if (!PyUnicode_CheckExact(PyList_GET_ITEM(names, i))) return false;
+    }
+    return true;
+}
+
+// The fast road's condition: no method that a scan calls for each row is redefined. That the records, names and
+// values are plain is seen while they are read.
+bool may_scan_in_place(const Query& query) {
+    return has_original(query.self, names::row_to_dict) && has_original(query.self, names::project_row) &&
+           (query.columns == Py_None || are_plain_names(query.columns));
+}
+
+// Scans from `start` on, as far as that runs no host code: the position of the first row not dealt with, or the end.
+Py_ssize_t scan_in_place(const Query& query, PyObject* rows, Py_ssize_t start, Results& results) {
+    if (!may_scan_in_place(query)) return start;
+    const std::optional<ScanColumns> columns = ScanColumns::of(query.table);
+    if (!columns) return start;
+    const auto conditions = plain_conditions(query, *columns);
+    if (!conditions) return start;
+
+    const CollectorPaused paused;
+    RowShape shape = query.columns == Py_None ? RowShape(*columns) : RowShape(*columns, query.columns);
+    Py_ssize_t i = start;
+    for (; i < PyList_GET_SIZE(rows) && !results.full(); ++i) {
+        PyObject* row = PyList_GET_ITEM(rows, i);
+        if (!is_wide_enough(row, columns->count())) break;
+        if (is_deleted(row)) continue;
+        const Equality match = match_plain(row, *conditions);
+        if (match == Equality::unknown) break;
+        if (match == Equality::unequal) continue;
+        const Ref row_dict = shape.make_dict(row);
+        results.add(row_dict);
+    }
+    return i;
+}
+
+Ref select_scanned(const Query& query, PyObject* limit) {
+    Results results(limit);
+    const Ref rows = get_field(query.table, names::rows);
+    if (!PyList_CheckExact(rows)) {
+        for (const Ref& row : Iteration(rows)) {
+            select_row(query, row, results);
+            if (results.full()) break;
+        }
+        return results.list();
+    }
+    PyObject* list = rows;
+    for (Py_ssize_t i = 0;; ++i) {
+        i = scan_in_place(query, rows, i, results);
+        if (results.full() || i >= PyList_GET_SIZE(list)) return results.list();
+        const Ref row = get_item(rows, i);
+        select_row(query, row, results);
+        if (results.full()) return results.list();
+    }
 }
 
 }  // namespace
@@ -76,25 +181,26 @@ Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject*
         const Ref only = get_item(items, Py_ssize_t{0});
         const Ref name = get_item(only, Py_ssize_t{0});
         const Ref value = get_item(only, Py_ssize_t{1});
-        const Ref indexes = get_attribute(table, names::indexes);
+        const Ref indexes = get_field(table, names::indexes);
         if (contains(indexes, name)) {
             const Ref index = get_item(indexes, name);
             return cut(select_listed(self, table, index, value, columns), limit);
         }
     }
-    return select_scanned(self, table, conditions, columns, limit);
+    return select_scanned({self, table, conditions, columns}, limit);
 }
 
 Ref get_row(PyObject* self, PyObject* table_name, PyObject* row_id) {
     const Ref table = require_table(self, table_name);
     Py_ssize_t position = 0;
-    const Ref rows = get_attribute(table, names::rows);
+    const Ref rows = get_field(table, names::rows);
     if (!has_row(rows, row_id, position)) {
         const Ref id_text = text_of(row_id);
         raise(PyExc_IndexError, "Row index (%U) out of range", static_cast<PyObject*>(id_text));
     }
     const Ref row = get_item(rows, position);
     if (is_deleted(row)) raise(PyExc_ValueError, "Row has been deleted");
+    if (converts_plainly(self, row)) return row_to_dict(self, table, row, Py_None);
     Ref row_dict = call_method(self, names::row_to_dict, {table, row});
     if (!PyDict_Check(row_dict) && row_dict != Py_None) {
         raise(PyExc_TypeError, "Expected %s, got %.200s", "dict", Py_TYPE(row_dict)->tp_name);

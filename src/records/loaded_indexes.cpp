@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "records/fields.h"
 #include "records/rows.h"
 
 namespace jdb {
@@ -35,28 +36,38 @@ void list_row(PyObject* index, PyObject* value, PyObject* row_id) {
     append(ids, row_id);
 }
 
-Ref rebuild(PyObject* table, PyObject* as_read) {
+// An empty index for each column that is to have one, in column order.
+Ref empty_indexes(PyObject* columns, PyObject* as_read) {
     Ref indexes = new_dict();
+    for (const Ref& column : Iteration(columns)) {
+        const Ref name = get_field(column, names::name);
+        const Ref unique = get_field(column, names::unique);
+        if (!truth(unique) && !(PyDict_Check(as_read) && contains(as_read, name))) continue;
+        const Ref index = new_dict();
+        set_item(indexes, name, index);
+    }
+    return indexes;
+}
+
+// The columns whose values are listed; of several with one name, each.
+std::vector<IndexedColumn> indexed_columns(PyObject* columns, PyObject* indexes) {
     std::vector<IndexedColumn> indexed;
     Py_ssize_t position = 0;
-    const Ref columns = get_attribute(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
-        const Ref name = get_attribute(column, names::name);
-        const Ref unique = get_attribute(column, names::unique);
-        if (truth(unique) || (PyDict_Check(as_read) && contains(as_read, name))) {
-            Ref index = find_item(indexes, name);
-            if (!index) {
-                index = new_dict();
-                set_item(indexes, name, index);
-            }
-            indexed.push_back({position, index});
-        }
+        const Ref name = get_field(column, names::name);
+        if (contains(indexes, name)) indexed.push_back({position, get_item(indexes, name)});
         ++position;
     }
+    return indexed;
+}
 
+Ref rebuild(PyObject* table, PyObject* as_read) {
+    const Ref columns = get_field(table, names::columns);
+    Ref indexes = empty_indexes(columns, as_read);
+    const std::vector<IndexedColumn> indexed = indexed_columns(columns, indexes);
     if (indexed.empty()) return indexes;
     Py_ssize_t id = 0;
-    const Ref rows = get_attribute(table, names::rows);
+    const Ref rows = get_field(table, names::rows);
     for (const Ref& row : Iteration(rows)) {
         if (PyList_CheckExact(static_cast<PyObject*>(row)) && !is_deleted(row)) {
             const Ref row_id = integer(id);
@@ -85,7 +96,7 @@ void settle_indexes(PyObject* table) {
     if (!dict) return;
     const Ref as_read = find_item(dict, names::indexes_as_read);
     if (!as_read) return;
-    const Ref current = get_attribute(table, names::indexes);
+    const Ref current = get_field(table, names::indexes);
     if (current == as_read) {
         const Ref indexes = rebuild(table, as_read);
         set_attribute(table, names::indexes, indexes);

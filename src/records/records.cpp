@@ -27,7 +27,7 @@ Ref make_record(const char* name, std::span<const Field> fields, PyObject* globa
         if (field.default_value) check(PyDict_SetItemString(attributes, field.name, field.default_value));
     }
     const Ref bases = Ref::steal(PyTuple_New(0));
-    PyObject* metaclass = reinterpret_cast<PyObject*>(&PyType_Type);
+    auto* metaclass = reinterpret_cast<PyObject*>(&PyType_Type);
     const Ref plain_class = call(metaclass, {class_name, bases, attributes});
     return call(dataclass, {plain_class});
 }

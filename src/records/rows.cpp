@@ -1,6 +1,8 @@
 // Tests on rows. A row or a list of rows that the host has replaced by another kind of object is walked as such.
 #include "records/rows.h"
 
+#include "records/fields.h"
+
 namespace jdb {
 
 bool is_deleted(PyObject* row) {
@@ -16,6 +18,17 @@ bool is_deleted(PyObject* row) {
         if (value != Py_None) return false;
     }
     return true;
+}
+
+Ref make_row(PyObject* table, PyObject* values) {
+    Ref row = new_list();
+    const Ref columns = get_field(table, names::columns);
+    for (const Ref& column : Iteration(columns)) {
+        const Ref name = get_field(column, names::name);
+        const Ref value = get_item(values, name);
+        append(row, value);
+    }
+    return row;
 }
 
 Ref make_tombstone(PyObject* columns) {

@@ -8,6 +8,10 @@ namespace jdb {
 // Whether every value of the row is None; so is an empty row's.
 bool is_deleted(PyObject* row);
 
+// A new row of the values that a dictionary gives for the table's columns, in column order; KeyError when one is
+// missing.
+Ref make_row(PyObject* table, PyObject* values);
+
 // A new row of None, one for each of the columns.
 Ref make_tombstone(PyObject* columns);
 

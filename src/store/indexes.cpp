@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "records/fields.h"
+
 namespace jdb::store {
 namespace {
 
@@ -11,11 +13,11 @@ namespace {
 template <class Use>
 void each_slot(PyObject* table, PyObject* row, Use use) {
     Py_ssize_t position = -1;
-    const Ref columns = get_attribute(table, names::columns);
+    const Ref columns = get_field(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
         ++position;
-        const Ref name = get_attribute(column, names::name);
-        const Ref indexes = get_attribute(table, names::indexes);
+        const Ref name = get_field(column, names::name);
+        const Ref indexes = get_field(table, names::indexes);
         if (!contains(indexes, name)) continue;
         Ref value = get_item(row, position);
         use(IndexSlot(get_item(indexes, name), std::move(value)));

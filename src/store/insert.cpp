@@ -6,7 +6,6 @@
 #include "records/loaded_indexes.h"
 #include "records/rows.h"
 #include "store/indexes.h"
-#include "store/validate.h"
 
 namespace jdb::store {
 namespace {

@@ -2,8 +2,12 @@
 // are written to, so that a refused row leaves no trace.
 #include "store/validate.h"
 
+#include <optional>
+
 #include "host/module_state.h"
+#include "records/fields.h"
 #include "records/rows.h"
+#include "records/scan.h"
 
 namespace jdb::store {
 namespace {
@@ -29,7 +33,7 @@ Ref convert(PyObject* data_type, PyObject* value) {
 }
 
 Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
-    const Ref data_type = get_attribute(column, names::data_type);
+    const Ref data_type = get_field(column, names::data_type);
     try {
         return convert(data_type, value);
     } catch (const PythonError&) {
@@ -49,28 +53,70 @@ Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
 }
 
 void match_pattern(PyObject* column, PyObject* column_name, PyObject* value) {
-    const Ref pattern = get_attribute(column, names::validation_pattern);
+    const Ref pattern = get_field(column, names::validation_pattern);
     if (!truth(pattern) || !PyUnicode_Check(value)) return;
     const Ref re = global(names::re);
     const Ref found = call_method(re, names::match, {pattern, value});
     if (!truth(found)) refuse("Value for column '", column_name, "' doesn't match validation pattern");
 }
 
-void refuse_duplicate(PyObject* self, PyObject* table, PyObject* column_name, PyObject* value, PyObject* data,
-                      bool update) {
-    const auto refuse_this = [&] { refuse("Duplicate value for unique column '", column_name, "'"); };
-    const Ref rows = get_attribute(table, names::rows);
-    for (const Ref& row : Iteration(rows)) {
-        if (is_deleted(row)) continue;
-        const Ref row_dict = call_method(self, names::row_to_dict, {table, row});
-        const Ref stored = get(row_dict, column_name);
-        if (!equal(stored, value)) continue;
-        const Ref row_id = call_method(self, names::dict_to_row_id, {table, data});
-        if (row_id == Py_None) continue;
-        if (!update) refuse_this();
-        const Ref current_rows = get_attribute(table, names::rows);
-        const Ref found_row = get_item(current_rows, row_id);
-        if (unequal(row, found_row)) refuse_this();
+// What is looked for: the value of one unique column that is to enter the table, and the data that it came with.
+struct Candidate {
+    PyObject* self;
+    PyObject* table;
+    PyObject* column_name;
+    PyObject* value;
+    PyObject* data;
+    bool updating;
+};
+
+// One row's part of the test by the defining steps, each a method of the object.
+void compare_row(const Candidate& candidate, PyObject* row) {
+    if (is_deleted(row)) return;
+    const Ref row_dict = call_method(candidate.self, names::row_to_dict, {candidate.table, row});
+    const Ref stored = get(row_dict, candidate.column_name);
+    if (!equal(stored, candidate.value)) return;
+    const Ref row_id = call_method(candidate.self, names::dict_to_row_id, {candidate.table, candidate.data});
+    if (row_id == Py_None) return;
+    if (candidate.updating) {
+        const Ref rows = get_field(candidate.table, names::rows);
+        const Ref found_row = get_item(rows, row_id);
+        if (!unequal(row, found_row)) return;
+    }
+    refuse("Duplicate value for unique column '", candidate.column_name, "'");
+}
+
+// The fast road past rows that are certain not to hold the value: the first position from `start` on whose row needs
+// a closer look, or the end. It is open while nobody has redefined how a row becomes a dictionary and reading the
+// columns runs no host code.
+Py_ssize_t skip_different(const Candidate& candidate, PyObject* rows, Py_ssize_t start) {
+    if (!has_original(candidate.self, names::row_to_dict) || !PyUnicode_CheckExact(candidate.column_name)) return start;
+    const std::optional<ScanColumns> columns = ScanColumns::of(candidate.table);
+    if (!columns) return start;
+    const Py_ssize_t position = columns->last(candidate.column_name);
+    if (position < 0) return start;
+    Py_ssize_t i = start;
+    for (; i < PyList_GET_SIZE(rows); ++i) {
+        PyObject* row = PyList_GET_ITEM(rows, i);
+        if (!is_wide_enough(row, columns->count())) break;
+        if (compare_plain(PyList_GET_ITEM(row, position), candidate.value) == Equality::unequal) continue;
+        if (!is_deleted(row)) break;
+    }
+    return i;
+}
+
+void refuse_duplicate(const Candidate& candidate) {
+    const Ref rows = get_field(candidate.table, names::rows);
+    if (!PyList_CheckExact(rows)) {
+        for (const Ref& row : Iteration(rows)) compare_row(candidate, row);
+        return;
+    }
+    PyObject* list = rows;
+    for (Py_ssize_t i = 0;; ++i) {
+        i = skip_different(candidate, rows, i);
+        if (i >= PyList_GET_SIZE(list)) return;
+        const Ref row = get_item(rows, i);
+        compare_row(candidate, row);
     }
 }
 
@@ -79,14 +125,14 @@ void refuse_duplicate(PyObject* self, PyObject* table, PyObject* column_name, Py
 Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* update) {
     const bool updating = update == Py_True;
     Ref validated = new_dict();
-    const Ref columns = get_attribute(table, names::columns);
+    const Ref columns = get_field(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
-        const Ref column_name = get_attribute(column, names::name);
-        const Ref default_value = get_attribute(column, names::default_value);
+        const Ref column_name = get_field(column, names::name);
+        const Ref default_value = get_field(column, names::default_value);
         Ref value = find_item(data, column_name);
         if (!value) value = default_value;
 
-        const Ref required = get_attribute(column, names::required);
+        const Ref required = get_field(column, names::required);
         if (truth(required) && value == Py_None && !updating) refuse("Column '", column_name, "' is required");
         if (value != Py_None) {
             value = coerce(column, column_name, value);
@@ -94,23 +140,12 @@ Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* upda
         }
         set_item(validated, column_name, value);
 
-        const Ref unique = get_attribute(column, names::unique);
+        const Ref unique = get_field(column, names::unique);
         if (truth(unique) && value != Py_None) {
-            refuse_duplicate(self, table, column_name, value, data, updating);
+            refuse_duplicate({self, table, column_name, value, data, updating});
         }
     }
     return validated;
-}
-
-Ref make_row(PyObject* table, PyObject* validated) {
-    Ref row = new_list();
-    const Ref columns = get_attribute(table, names::columns);
-    for (const Ref& column : Iteration(columns)) {
-        const Ref name = get_attribute(column, names::name);
-        const Ref value = get_item(validated, name);
-        append(row, value);
-    }
-    return row;
 }
 
 }  // namespace jdb::store

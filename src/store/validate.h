@@ -10,7 +10,4 @@ namespace jdb::store {
 // or duplicates a unique one. Changes nothing.
 Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* update);
 
-// The validated values as a row, in column order; KeyError when a column's is missing.
-Ref make_row(PyObject* table, PyObject* validated);
-
 }  // namespace jdb::store

@@ -1,0 +1,124 @@
+// Digits come from the standard library's shortest conversion; most floats that people store have few decimals and take
+// a shorter way over an integer.
+#include "persistence/json_number.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <string_view>
+
+namespace jdb::persistence {
+namespace {
+
+constexpr std::array<char, 200> kPairs = [] {
+    std::array<char, 200> pairs{};
+    for (unsigned i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}();
+
+char* write_unsigned(char* to, std::uint64_t value) {
+    std::array<char, kIntegerRoom> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled from the end
+    char* const end = digits.data() + digits.size();
+    char* at = end;
+    while (value >= 100) {
+        at -= 2;
+        std::memcpy(at, &kPairs[2 * (value % 100)], 2);
+        value /= 100;
+    }
+    if (value >= 10) {
+        at -= 2;
+        std::memcpy(at, &kPairs[2 * value], 2);
+    } else {
+        *--at = static_cast<char>('0' + value);
+    }
+    const auto length = static_cast<std::size_t>(end - at);
+    std::memcpy(to, at, length);
+    return to + length;
+}
+
+char* write_text(char* to, std::string_view text) {
+    std::memcpy(to, text.data(), text.size());
+    return to + text.size();
+}
+
+// A number of at most four decimals and fifteen digits in all: such a decimal is the only one of its length that
+// reads back as the number, so it is the shortest. Null when the number is no such.
+char* write_short_decimal(char* to, double magnitude) {
+    constexpr double kScale = 1e4;
+    constexpr double kMost = 1e11;
+    if (!(magnitude < kMost)) return nullptr;
+    const auto scaled = static_cast<std::uint64_t>(std::llround(magnitude * kScale));
+    if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
+    to = write_unsigned(to, scaled / 10000);
+    *to++ = '.';
+    const unsigned fraction = static_cast<unsigned>(scaled % 10000);
+    std::memcpy(to, &kPairs[2 * (fraction / 100)], 2);
+    std::memcpy(to + 2, &kPairs[2 * (fraction % 100)], 2);
+    char* end = to + 4;
+    while (end - to > 1 && end[-1] == '0') --end;
+    return end;
+}
+
+// Lays out digits and exponent as the host does: plainly from 1e-04 up to below 1e16, else with an exponent.
+char* lay_out(char* to, std::string_view digits, int exponent) {
+    if (exponent < -4 || exponent >= 16) {
+        *to++ = digits[0];
+        if (digits.size() > 1) {
+            *to++ = '.';
+            to = write_text(to, digits.substr(1));
+        }
+        *to++ = 'e';
+        *to++ = exponent < 0 ? '-' : '+';
+        const int size = std::abs(exponent);
+        if (size < 10) *to++ = '0';
+        return write_unsigned(to, static_cast<std::uint64_t>(size));
+    }
+    if (exponent < 0) {
+        to = write_text(to, std::string_view("0.000").substr(0, static_cast<std::size_t>(1 - exponent)));
+        return write_text(to, digits);
+    }
+    const auto whole = static_cast<std::size_t>(exponent) + 1;
+    for (std::size_t i = 0; i < whole; ++i) *to++ = i < digits.size() ? digits[i] : '0';
+    *to++ = '.';
+    return digits.size() > whole ? write_text(to, digits.substr(whole)) : write_text(to, "0");
+}
+
+}  // namespace
+
+char* write_integer(char* to, std::int64_t value) {
+    auto magnitude = static_cast<std::uint64_t>(value);
+    if (value < 0) {
+        *to++ = '-';
+        magnitude = 0 - magnitude;
+    }
+    return write_unsigned(to, magnitude);
+}
+
+char* write_float(char* to, double value) {
+    if (std::isnan(value)) return write_text(to, "NaN");
+    if (std::signbit(value)) *to++ = '-';
+    const double magnitude = std::fabs(value);
+    if (std::isinf(magnitude)) return write_text(to, "Infinity");
+    if (char* end = write_short_decimal(to, magnitude)) return end;
+
+    // "d.ddde±xx": the digits without the point, then the exponent.
+    std::array<char, kFloatRoom> scientific;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
+    const std::to_chars_result result = std::to_chars(scientific.data(), scientific.data() + scientific.size(),
+                                                      magnitude, std::chars_format::scientific);
+    const char* mark = result.ptr - 1;
+    while (*mark != 'e') --mark;
+    int exponent = 0;
+    std::from_chars(mark[1] == '+' ? mark + 2 : mark + 1, result.ptr, exponent);
+    char* start = scientific.data();
+    if (mark - start > 1) {
+        start[1] = start[0];
+        ++start;
+    }
+    return lay_out(to, {start, static_cast<std::size_t>(mark - start)}, exponent);
+}
+
+}  // namespace jdb::persistence

@@ -1,0 +1,305 @@
+// A recursive descent over the bytes. Finished values wait on one stack until their array or object is complete, so
+// that every list is made with its exact size. Giving up is an empty Ref all the way out.
+#include "persistence/json_reader.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "host/module_state.h"
+
+namespace jdb::persistence {
+namespace {
+
+constexpr int kSafeDepth = 100;
+
+// Texts met lately, so that keys and repeated short values are made once.
+class TextCache {
+public:
+    Ref text(std::string_view ascii) {
+        if (ascii.size() > kLongest) return make(ascii);
+        Ref& cached = texts_[slot(ascii)];
+        if (cached && holds(cached, ascii)) return cached;
+        cached = make(ascii);
+        return cached;
+    }
+
+private:
+    static constexpr std::size_t kLongest = 32;
+    static constexpr std::size_t kSlots = 2048;
+
+    static Ref make(std::string_view ascii) {
+        Ref text = Ref::steal(PyUnicode_New(static_cast<Py_ssize_t>(ascii.size()), 127));
+        PyObject* object = text;
+        if (!ascii.empty()) std::memcpy(PyUnicode_1BYTE_DATA(object), ascii.data(), ascii.size());
+        return text;
+    }
+    static bool holds(PyObject* text, std::string_view ascii) {
+        return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text)) == ascii.size() &&
+               std::memcmp(PyUnicode_1BYTE_DATA(text), ascii.data(), ascii.size()) == 0;
+    }
+    static std::size_t slot(std::string_view ascii) {
+        std::uint64_t hash = ascii.size();
+        std::size_t at = 0;
+        while (at < ascii.size()) {
+            std::uint64_t bytes = 0;
+            const std::size_t count = std::min(sizeof bytes, ascii.size() - at);
+            std::memcpy(&bytes, ascii.data() + at, count);
+            hash = (hash ^ bytes) * 0x9E3779B97F4A7C15U;
+            hash ^= hash >> 29U;
+            at += count;
+        }
+        return hash % kSlots;
+    }
+
+    std::vector<Ref> texts_ = std::vector<Ref>(kSlots);
+};
+
+class Reader {
+public:
+    explicit Reader(std::string_view text) : at_(text.data()), end_(text.data() + text.size()) {}
+
+    Ref document() {
+        Ref value = read_value(0);
+        skip_space();
+        return at_ == end_ ? value : Ref{};
+    }
+
+private:
+    [[nodiscard]] bool next_is(char expected) const { return at_ != end_ && *at_ == expected; }
+    bool take(char expected) {
+        if (!next_is(expected)) return false;
+        ++at_;
+        return true;
+    }
+    bool take_word(std::string_view word) {
+        if (!std::string_view(at_, static_cast<std::size_t>(end_ - at_)).starts_with(word)) return false;
+        at_ += word.size();
+        return true;
+    }
+    void skip_space() {
+        while (at_ != end_ && (*at_ == ' ' || *at_ == '\n' || *at_ == '\t' || *at_ == '\r')) ++at_;
+    }
+
+    Ref read_value(int depth) {
+        skip_space();
+        if (at_ == end_) return {};
+        switch (*at_) {
+            case '"': return read_string();
+            case '[': return depth < kSafeDepth ? read_array(depth) : Ref{};
+            case '{': return depth < kSafeDepth ? read_object(depth) : Ref{};
+            case 't': return take_word("true") ? Ref::boolean(true) : Ref{};
+            case 'f': return take_word("false") ? Ref::boolean(false) : Ref{};
+            case 'n': return take_word("null") ? Ref::none() : Ref{};
+            // One object for all, as json.load gives: dictionaries find a NaN by its identity only.
+            case 'N': return take_word("NaN") ? Ref::borrow(module_state.nan) : Ref{};
+            case 'I': return take_word("Infinity") ? make_float(HUGE_VAL) : Ref{};
+            default: return read_number();
+        }
+    }
+
+    // ---- Arrays and objects ----
+
+    Ref read_array(int depth) {
+        ++at_;
+        const std::size_t first = waiting_.size();
+        skip_space();
+        if (!take(']')) {
+            do {
+                Ref item = read_value(depth + 1);
+                if (!item) return {};
+                waiting_.push_back(std::move(item));
+                skip_space();
+            } while (take(','));
+            if (!take(']')) return {};
+        }
+        Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(waiting_.size() - first)));
+        PyObject* object = list;
+        for (std::size_t i = first; i < waiting_.size(); ++i) {
+            PyList_SET_ITEM(object, static_cast<Py_ssize_t>(i - first), waiting_[i].release());
+        }
+        waiting_.resize(first);
+        return list;
+    }
+
+    Ref read_object(int depth) {
+        ++at_;
+        Ref dict = new_dict();
+        skip_space();
+        if (take('}')) return dict;
+        do {
+            skip_space();
+            if (!next_is('"')) return {};
+            const Ref key = read_string();
+            if (!key) return {};
+            skip_space();
+            if (!take(':')) return {};
+            const Ref value = read_value(depth + 1);
+            if (!value) return {};
+            check(PyDict_SetItem(dict, key, value));
+            skip_space();
+        } while (take(','));
+        return take('}') ? dict : Ref{};
+    }
+
+    // ---- Strings ----
+
+    Ref read_string() {
+        ++at_;
+        const char* const start = at_;
+        bool ascii = true;
+        for (; at_ != end_; ++at_) {
+            const auto byte = static_cast<unsigned char>(*at_);
+            if (byte == '"') {
+                const std::string_view text(start, static_cast<std::size_t>(at_++ - start));
+                return ascii ? cache_.text(text) : decode(text);
+            }
+            if (byte == '\\') return read_escaped(start);
+            if (byte < 0x20) return {};
+            ascii = ascii && byte < 0x80;
+        }
+        return {};
+    }
+
+    static Ref decode(std::string_view utf8) {
+        PyObject* text = PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr);
+        if (text == nullptr && PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) != 0) {
+            PyErr_Clear();
+            return {};
+        }
+        return Ref::steal(text);
+    }
+
+    // A string with escapes, which are turned into UTF-8 before the whole is decoded; at_ is at the first of them.
+    Ref read_escaped(const char* start) {
+        unescaped_.assign(start, at_);
+        while (at_ != end_) {
+            const auto byte = static_cast<unsigned char>(*at_++);
+            if (byte == '"') return decode(unescaped_);
+            if (byte < 0x20) return {};
+            if (byte != '\\') {
+                unescaped_ += static_cast<char>(byte);
+            } else if (!take_escape()) {
+                return {};
+            }
+        }
+        return {};
+    }
+
+    bool take_escape() {
+        constexpr std::string_view letters = "\"\\/bfnrt";
+        constexpr std::string_view meanings = "\"\\/\b\f\n\r\t";
+        if (at_ == end_) return false;
+        const char letter = *at_++;
+        if (letter == 'u') return take_code_point();
+        const std::size_t which = letters.find(letter);
+        if (which == std::string_view::npos) return false;
+        unescaped_ += meanings[which];
+        return true;
+    }
+
+    bool take_code_point() {
+        std::uint32_t code = 0;
+        if (!take_hex(code)) return false;
+        if (code >= 0xD800 && code < 0xE000) {
+            std::uint32_t low = 0;
+            if (code >= 0xDC00 || !take_word("\\u") || !take_hex(low) || low < 0xDC00 || low >= 0xE000) return false;
+            code = 0x10000 + ((code - 0xD800) << 10U) + (low - 0xDC00);
+        }
+        const auto add = [&](std::uint32_t byte) { unescaped_ += static_cast<char>(byte); };
+        if (code < 0x80) {
+            add(code);
+            return true;
+        }
+        if (code < 0x800) {
+            add(0xC0U | (code >> 6U));
+        } else {
+            if (code < 0x10000) {
+                add(0xE0U | (code >> 12U));
+            } else {
+                add(0xF0U | (code >> 18U));
+                add(0x80U | ((code >> 12U) & 0x3FU));
+            }
+            add(0x80U | ((code >> 6U) & 0x3FU));
+        }
+        add(0x80U | (code & 0x3FU));
+        return true;
+    }
+
+    bool take_hex(std::uint32_t& code) {
+        if (end_ - at_ < 4) return false;
+        const std::from_chars_result result = std::from_chars(at_, at_ + 4, code, 16);
+        if (result.ptr != at_ + 4) return false;
+        at_ += 4;
+        return true;
+    }
+
+    // ---- Numbers ----
+
+    static Ref make_float(double value) { return Ref::steal(PyFloat_FromDouble(value)); }
+
+    void skip_digits() {
+        while (at_ != end_ && *at_ >= '0' && *at_ <= '9') ++at_;
+    }
+
+    Ref read_number() {
+        const char* const start = at_;
+        take('-');
+        const char* const digits = at_;
+        if (next_is('I')) return take_word("Infinity") ? make_float(-HUGE_VAL) : Ref{};
+        skip_digits();
+        if (at_ == digits || (*digits == '0' && at_ - digits > 1)) return {};
+        bool whole = true;
+        if (take('.')) {
+            const char* const fraction = at_;
+            skip_digits();
+            if (at_ == fraction) return {};
+            whole = false;
+        }
+        if (next_is('e') || next_is('E')) {
+            ++at_;
+            if (!take('+')) take('-');
+            const char* const exponent = at_;
+            skip_digits();
+            if (at_ == exponent) return {};
+            whole = false;
+        }
+        return whole ? read_integer(start) : read_float(start);
+    }
+
+    // The digits from `start` to here.
+    Ref read_integer(const char* start) const {
+        long long value = 0;
+        const std::from_chars_result result = std::from_chars(start, at_, value);
+        if (result.ec == std::errc{}) return Ref::steal(PyLong_FromLongLong(value));
+        const std::string digits(start, at_);
+        PyObject* number = PyLong_FromString(digits.c_str(), nullptr, 10);
+        if (number == nullptr && PyErr_ExceptionMatches(PyExc_ValueError) != 0) {
+            PyErr_Clear();
+            return {};
+        }
+        return Ref::steal(number);
+    }
+
+    Ref read_float(const char* start) const {
+        double value = 0;
+        const std::from_chars_result result = std::from_chars(start, at_, value);
+        return result.ec == std::errc{} ? make_float(value) : Ref{};
+    }
+
+    const char* at_;
+    const char* end_;
+    TextCache cache_;
+    std::vector<Ref> waiting_;
+    std::string unescaped_;
+};
+
+}  // namespace
+
+Ref read_json(std::string_view text) { return Reader(text).document(); }
+
+}  // namespace jdb::persistence

@@ -1,0 +1,437 @@
+// One pass over the tables. Between two calls of `hand_on_when_full` no host code runs, so borrowed pointers hold
+// there; what is walked across such a call is owned, and its size read anew.
+#include "persistence/json_text.h"
+
+#include <datetime.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+#include "host/object.h"
+#include "persistence/json_number.h"
+#include "records/fields.h"
+
+namespace jdb::persistence {
+namespace {
+
+constexpr int kSafeDepth = 100;
+
+// ---- Strings ----
+
+constexpr std::uint64_t kOnes = 0x0101010101010101U;
+constexpr std::uint64_t kHighBits = kOnes << 7U;
+
+// Whether any of the eight bytes is a quote, a backslash, a control character or no ASCII.
+bool has_special(std::uint64_t bytes) {
+    const auto zero_in = [](std::uint64_t word) { return (word - kOnes) & ~word; };
+    const std::uint64_t quotes = zero_in(bytes ^ (kOnes * '"'));
+    const std::uint64_t backslashes = zero_in(bytes ^ (kOnes * '\\'));
+    const std::uint64_t controls = (bytes - kOnes * 0x20U) & ~bytes;
+    return ((quotes | backslashes | controls | bytes) & kHighBits) != 0;
+}
+
+char* write_escape(char* to, unsigned character) {
+    *to++ = '\\';
+    switch (character) {
+        case '"':
+        case '\\': *to++ = static_cast<char>(character); return to;
+        case '\n': *to++ = 'n'; return to;
+        case '\r': *to++ = 'r'; return to;
+        case '\t': *to++ = 't'; return to;
+        case '\b': *to++ = 'b'; return to;
+        case '\f': *to++ = 'f'; return to;
+        default: break;
+    }
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::memcpy(to, "u00", 3);
+    to[3] = digits[character >> 4U];
+    to[4] = digits[character & 15U];
+    return to + 5;
+}
+
+bool is_escaped(unsigned character) { return character < 0x20 || character == '"' || character == '\\'; }
+
+// Characters of any width as UTF-8, escaped where JSON asks for it; false at a lone surrogate.
+template <class Character>
+bool write_characters(const Character* characters, std::size_t count, TextBuffer& text) {
+    constexpr std::size_t kMostBytes = 6;
+    constexpr std::size_t kStretch = 1024;
+    while (count > 0) {
+        const std::size_t stretch = std::min(count, kStretch);
+        char* const start = text.reserve(stretch * kMostBytes);
+        char* to = start;
+        for (std::size_t i = 0; i < stretch; ++i) {
+            const std::uint32_t c = characters[i];
+            if (c < 0x80) {
+                if (is_escaped(c)) {
+                    to = write_escape(to, c);
+                } else {
+                    *to++ = static_cast<char>(c);
+                }
+            } else if (c < 0x800) {
+                *to++ = static_cast<char>(0xC0U | (c >> 6U));
+                *to++ = static_cast<char>(0x80U | (c & 0x3FU));
+            } else if (c < 0x10000) {
+                if (c >= 0xD800 && c < 0xE000) return false;
+                *to++ = static_cast<char>(0xE0U | (c >> 12U));
+                *to++ = static_cast<char>(0x80U | ((c >> 6U) & 0x3FU));
+                *to++ = static_cast<char>(0x80U | (c & 0x3FU));
+            } else {
+                *to++ = static_cast<char>(0xF0U | (c >> 18U));
+                *to++ = static_cast<char>(0x80U | ((c >> 12U) & 0x3FU));
+                *to++ = static_cast<char>(0x80U | ((c >> 6U) & 0x3FU));
+                *to++ = static_cast<char>(0x80U | (c & 0x3FU));
+            }
+        }
+        text.advance(static_cast<std::size_t>(to - start));
+        characters += stretch;
+        count -= stretch;
+    }
+    return true;
+}
+
+// Copies the start of the text, eight bytes at a time, as far as nothing in it needs care; how much that was.
+std::size_t copy_plain(const char* from, std::size_t count, TextBuffer& text) {
+    char* const to = text.reserve(count);
+    std::size_t done = 0;
+    while (count - done >= sizeof(std::uint64_t)) {
+        std::uint64_t bytes = 0;
+        std::memcpy(&bytes, from + done, sizeof bytes);
+        if (has_special(bytes)) break;
+        std::memcpy(to + done, &bytes, sizeof bytes);
+        done += sizeof bytes;
+    }
+    while (done < count && !is_escaped(static_cast<unsigned char>(from[done])) &&
+           static_cast<unsigned char>(from[done]) < 0x80) {
+        to[done] = from[done];
+        ++done;
+    }
+    text.advance(done);
+    return done;
+}
+
+bool write_string(PyObject* string, TextBuffer& text) {
+    if (!PyUnicode_IS_READY(string)) return false;
+    const auto count = static_cast<std::size_t>(PyUnicode_GET_LENGTH(string));
+    text.add("\"");
+    bool written = true;
+    switch (PyUnicode_KIND(string)) {
+        case PyUnicode_1BYTE_KIND: {
+            const auto* characters = PyUnicode_1BYTE_DATA(string);
+            const std::size_t plain = copy_plain(reinterpret_cast<const char*>(characters), count, text);
+            written = write_characters(characters + plain, count - plain, text);
+            break;
+        }
+        case PyUnicode_2BYTE_KIND: written = write_characters(PyUnicode_2BYTE_DATA(string), count, text); break;
+        default: written = write_characters(PyUnicode_4BYTE_DATA(string), count, text); break;
+    }
+    text.add("\"");
+    return written;
+}
+
+// ---- Numbers and dates ----
+
+bool write_int(PyObject* number, TextBuffer& text) {
+    int overflow = 0;
+    const long long value = PyLong_AsLongLongAndOverflow(number, &overflow);
+    if (overflow == 0) {
+        char* to = text.reserve(kIntegerRoom);
+        text.advance(static_cast<std::size_t>(write_integer(to, value) - to));
+        return true;
+    }
+    // The host limits how many digits it converts; its error is json.dump's to raise.
+    PyObject* converted = PyLong_Type.tp_repr(number);
+    if (converted == nullptr && PyErr_ExceptionMatches(PyExc_ValueError) != 0) {
+        PyErr_Clear();
+        return false;
+    }
+    const Ref digits = Ref::steal(converted);
+    text.add({reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(converted)),
+              static_cast<std::size_t>(PyUnicode_GET_LENGTH(converted))});
+    return true;
+}
+
+void write_double(PyObject* number, TextBuffer& text) {
+    char* to = text.reserve(kFloatRoom);
+    text.advance(static_cast<std::size_t>(write_float(to, PyFloat_AS_DOUBLE(number)) - to));
+}
+
+char* write_padded(char* to, int value, int width) {
+    for (int i = width; i-- > 0; value /= 10) to[i] = static_cast<char>('0' + value % 10);
+    return to + width;
+}
+
+bool is_date(PyObject* value) { return PyDateTimeAPI != nullptr && PyDate_CheckExact(value); }
+// One with a time zone asks the zone object for its text.
+bool is_plain_date_time(PyObject* value) {
+    return PyDateTimeAPI != nullptr && PyDateTime_CheckExact(value) && PyDateTime_DATE_GET_TZINFO(value) == Py_None;
+}
+
+// The text of a date or a date-time, in quotes.
+void write_date(PyObject* value, bool with_time, TextBuffer& text) {
+    constexpr std::size_t kRoom = 32;
+    char* const start = text.reserve(kRoom);
+    char* to = start;
+    *to++ = '"';
+    to = write_padded(to, PyDateTime_GET_YEAR(value), 4);
+    *to++ = '-';
+    to = write_padded(to, PyDateTime_GET_MONTH(value), 2);
+    *to++ = '-';
+    to = write_padded(to, PyDateTime_GET_DAY(value), 2);
+    if (with_time) {
+        *to++ = ' ';
+        to = write_padded(to, PyDateTime_DATE_GET_HOUR(value), 2);
+        *to++ = ':';
+        to = write_padded(to, PyDateTime_DATE_GET_MINUTE(value), 2);
+        *to++ = ':';
+        to = write_padded(to, PyDateTime_DATE_GET_SECOND(value), 2);
+        if (const int micro = PyDateTime_DATE_GET_MICROSECOND(value); micro != 0) {
+            *to++ = '.';
+            to = write_padded(to, micro, 6);
+        }
+    }
+    *to++ = '"';
+    text.advance(static_cast<std::size_t>(to - start));
+}
+
+// ---- Values ----
+
+bool write_value(PyObject* value, TextBuffer& text, int depth);
+
+template <class ItemAt>
+bool write_array(Py_ssize_t size, ItemAt item_at, TextBuffer& text, int depth) {
+    if (depth >= kSafeDepth) return false;
+    text.add("[");
+    for (Py_ssize_t i = 0; i < size; ++i) {
+        if (i > 0) text.add(", ");
+        if (!write_value(item_at(i), text, depth + 1)) return false;
+    }
+    text.add("]");
+    return true;
+}
+
+// A member's name: text as it is, numbers and constants as text of their JSON form.
+bool write_key(PyObject* key, TextBuffer& text) {
+    if (PyUnicode_CheckExact(key)) return write_string(key, text);
+    if (!PyLong_CheckExact(key) && !PyFloat_CheckExact(key) && !PyBool_Check(key) && key != Py_None) return false;
+    text.add("\"");
+    if (!write_value(key, text, 0)) return false;
+    text.add("\"");
+    return true;
+}
+
+bool write_object(PyObject* dict, TextBuffer& text, int depth) {
+    if (depth >= kSafeDepth) return false;
+    text.add("{");
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* value = nullptr;
+    for (bool first = true; PyDict_Next(dict, &position, &key, &value) != 0; first = false) {
+        if (!first) text.add(", ");
+        if (!write_key(key, text)) return false;
+        text.add(": ");
+        if (!write_value(value, text, depth + 1)) return false;
+    }
+    text.add("}");
+    return true;
+}
+
+// Values of exactly the built-in types only: a subclass may bring its own text.
+bool write_value(PyObject* value, TextBuffer& text, int depth) {
+    PyTypeObject* type = Py_TYPE(value);
+    if (type == &PyUnicode_Type) return write_string(value, text);
+    if (type == &PyLong_Type) return write_int(value, text);
+    if (type == &PyFloat_Type) {
+        write_double(value, text);
+    } else if (value == Py_None) {
+        text.add("null");
+    } else if (value == Py_True) {
+        text.add("true");
+    } else if (value == Py_False) {
+        text.add("false");
+    } else if (type == &PyList_Type) {
+        return write_array(
+            PyList_GET_SIZE(value), [&](Py_ssize_t i) { return PyList_GET_ITEM(value, i); }, text, depth);
+    } else if (type == &PyTuple_Type) {
+        return write_array(
+            PyTuple_GET_SIZE(value), [&](Py_ssize_t i) { return PyTuple_GET_ITEM(value, i); }, text, depth);
+    } else if (type == &PyDict_Type) {
+        return write_object(value, text, depth);
+    } else if (is_date(value)) {
+        write_date(value, false, text);
+    } else if (is_plain_date_time(value)) {
+        write_date(value, true, text);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// ---- The document ----
+
+// `{"name": value, ...}` of a record's fields, separated from what went before.
+bool write_field(PyObject* record, Name& field, std::string_view before, TextBuffer& text) {
+    PyObject* value = own_field(record, field);
+    if (value == nullptr) return false;
+    text.add(before);
+    return write_value(value, text, 0);
+}
+
+bool write_column(PyObject* column, TextBuffer& text) {
+    const bool written = write_field(column, names::name, "{\"name\": ", text) &&
+                         write_field(column, names::data_type, ", \"data_type\": ", text) &&
+                         write_field(column, names::required, ", \"required\": ", text) &&
+                         write_field(column, names::unique, ", \"unique\": ", text) &&
+                         write_field(column, names::default_value, ", \"default\": ", text) &&
+                         write_field(column, names::validation_pattern, ", \"validation_pattern\": ", text);
+    text.add("}");
+    return written;
+}
+
+bool write_columns(PyObject* columns, TextBuffer& text) {
+    if (!PyList_CheckExact(columns)) return false;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(columns); ++i) {
+        if (i > 0) text.add(", ");
+        if (!write_column(PyList_GET_ITEM(columns, i), text)) return false;
+    }
+    return true;
+}
+
+enum class RowWritten { kept, deleted, gave_up };
+
+RowWritten write_row(PyObject* row, TextBuffer& text) {
+    if (!PyList_CheckExact(row)) return RowWritten::gave_up;
+    RowWritten result = RowWritten::deleted;
+    text.add("[");
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(row); ++i) {
+        PyObject* value = PyList_GET_ITEM(row, i);
+        if (i > 0) text.add(", ");
+        if (value == Py_None) {
+            text.add("null");
+            continue;
+        }
+        result = RowWritten::kept;
+        if (!write_value(value, text, 1)) return RowWritten::gave_up;
+    }
+    text.add("]");
+    return result;
+}
+
+bool write_rows(const Ref& rows, TextBuffer& text) {
+    PyObject* list = rows;
+    if (!PyList_CheckExact(list)) return false;
+    bool first = true;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
+        const std::size_t before = text.size();
+        if (!first) text.add(", ");
+        switch (write_row(PyList_GET_ITEM(list, i), text)) {
+            case RowWritten::gave_up: return false;
+            case RowWritten::deleted: text.shorten(before); continue;
+            case RowWritten::kept: break;
+        }
+        first = false;
+        if (!text.hand_on_when_full()) return false;
+    }
+    return true;
+}
+
+// A column's index. Dates as keys are written as their text; beside string keys the two could be the same
+// text, which the plain road merges.
+bool write_index(const Ref& index, TextBuffer& text) {
+    PyObject* dict = index;
+    if (!PyDict_CheckExact(dict)) return false;
+    text.add("{");
+    bool strings = false;
+    bool dates = false;
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* ids = nullptr;
+    for (bool first = true; PyDict_Next(dict, &position, &key, &ids) != 0; first = false) {
+        if (!first) text.add(", ");
+        const bool date = is_date(key);
+        if (date || is_plain_date_time(key)) {
+            dates = true;
+            write_date(key, !date, text);
+        } else {
+            strings = strings || PyUnicode_CheckExact(key);
+            if (!write_key(key, text)) return false;
+        }
+        if (dates && strings) return false;
+        text.add(": ");
+        if (!write_value(ids, text, 2) || !text.hand_on_when_full()) return false;
+    }
+    text.add("}");
+    return true;
+}
+
+bool write_indexes(const Ref& indexes, TextBuffer& text) {
+    PyObject* dict = indexes;
+    if (!PyDict_CheckExact(dict)) return false;
+    Py_ssize_t position = 0;
+    PyObject* name = nullptr;
+    PyObject* index = nullptr;
+    for (bool first = true; PyDict_Next(dict, &position, &name, &index) != 0; first = false) {
+        if (!first) text.add(", ");
+        if (!write_key(name, text)) return false;
+        text.add(": ");
+        if (!write_index(Ref::borrow(index), text)) return false;
+    }
+    return true;
+}
+
+bool write_table(const Ref& table, TextBuffer& text) {
+    if (!write_field(table, names::name, "{\"name\": ", text)) return false;
+    PyObject* columns = own_field(table, names::columns);
+    text.add(", \"columns\": [");
+    if (columns == nullptr || !write_columns(columns, text)) return false;
+    PyObject* rows = own_field(table, names::rows);
+    text.add("], \"rows\": [");
+    if (rows == nullptr || !write_rows(Ref::borrow(rows), text)) return false;
+    PyObject* indexes = own_field(table, names::indexes);
+    text.add("], \"indexes\": {");
+    if (indexes == nullptr || !write_indexes(Ref::borrow(indexes), text)) return false;
+    text.add("}}");
+    return true;
+}
+
+}  // namespace
+
+void TextBuffer::grow(std::size_t more) {
+    const std::size_t capacity = std::max({size_ + more, capacity_ + capacity_ / 2, std::size_t{4096}});
+    auto* text = static_cast<char*>(PyMem_RawRealloc(text_.get(), capacity));
+    if (text == nullptr) throw std::bad_alloc();
+    static_cast<void>(text_.release());
+    text_.reset(text);
+    capacity_ = capacity;
+}
+
+bool TextBuffer::hand_on() {
+    const bool taken = take_(text());
+    size_ = 0;
+    return taken;
+}
+
+bool write_document(PyObject* tables, TextBuffer& text) {
+    if (!PyDict_CheckExact(tables)) return false;
+    text.add("{\"tables\": {");
+    Py_ssize_t position = 0;
+    PyObject* name = nullptr;
+    PyObject* table = nullptr;
+    for (bool first = true; PyDict_Next(tables, &position, &name, &table) != 0; first = false) {
+        if (!first) text.add(", ");
+        if (!write_key(name, text)) return false;
+        text.add(": ");
+        if (!write_table(Ref::borrow(table), text)) return false;
+    }
+    text.add("}}");
+    return true;
+}
+
+void import_date_types() {
+    PyDateTime_IMPORT;
+    // Without the compiled date types none is known here, and json.dump writes them.
+    if (PyDateTimeAPI == nullptr) PyErr_Clear();
+}
+
+}  // namespace jdb::persistence

@@ -1,0 +1,170 @@
+"""The methods as functions of the host, and the checks in front of their bodies."""
+
+from __future__ import annotations
+
+import inspect
+import pickle
+import pydoc
+import re
+import types
+import typing
+import unittest
+import weakref
+from unittest import mock
+
+from support import DatabaseTest, JSONDatatable, module, optional, run_python
+
+try:
+    from _testcapi import pyobject_vectorcall
+except ImportError:
+    pyobject_vectorcall = None
+
+# Each method's documentation: the declaration as its callers read it, then what it does.
+DOCUMENTATION = """\
+__init__(self, filename='database.json')
+create_table(self, str table_name: str, list columns: List[Column])
+    Create a new table with specified column definitions
+insert(self, str table_name: str, dict data: Dict[str, Any]) -> int
+    Insert a new row into the table (accepts dict but stores as list)
+update(self, str table_name: str, int row_id: int, dict new_data: Dict[str, Any]) -> bool
+    Update an existing row
+clear_table(self, str table_name: str) -> bool
+delete(self, str table_name: str, int row_id: int) -> bool
+    Delete a row from the table (soft delete with None values)
+select(self, str table_name: str, dict conditions: Optional[Dict[str, Any]] = None, \
+list columns: Optional[List[str]] = None, int limit: Optional[int] = None) -> List[Dict[str, Any]]
+    Query rows from the table with optional filtering (returns dicts)
+get_row(self, str table_name: str, int row_id: int) -> Dict[str, Any]
+    Get a single row as a dictionary
+_build_indexes(self, str table_name: str)
+    Build indexes for all indexed columns
+_build_index(self, str table_name: str, str column_name: str)
+    Build an index for a specific column
+_row_to_dict(self, table: Table, list row: List[Any], list columns: Optional[List[str]] = None) -> Dict[str, Any]
+    Convert list-based row to dictionary
+_validate_row(self, table: Table, dict data: Dict[str, Any], bool update: bool = False) -> Dict[str, Any]
+    Validate row data against column definitions
+_dict_to_row_id(self, table: Table, dict data: Dict[str, Any]) -> Optional[int]
+    Try to find the row ID for a dictionary representation
+_project_row(self, dict row_dict: Dict[str, Any], list columns: Optional[List[str]]) -> Dict[str, Any]
+    Select specific columns from a row dictionary
+save(self)
+    Save the entire database to JSON file (optimized format)
+load(self)
+    Load the database from JSON file (optimized format)
+display_table(self, str table_name: str, int limit: int = 10)
+    Display table contents in a readable format
+"""
+METHODS = {}
+for text in re.split(r"\n(?=\w)", DOCUMENTATION.rstrip()):
+    exec(f"def {re.sub(r'(str|list|dict|int|bool) (?=[a-z_]+:)', '', text.splitlines()[0])}: pass", dict(vars(module)), METHODS)
+    list(METHODS.values())[-1].__doc__ = "JSONDatatable." + text.replace("\n    ", "\n\n")
+
+
+class Functions(DatabaseTest):
+    def test_class_and_instance(self):
+        names = list(vars(JSONDatatable))
+        self.assertEqual([name for name in names if name in METHODS], list(METHODS))
+        # Copying an instance makes the host leave one more name on its class.
+        self.assertEqual({*names} - {*METHODS, "__slotnames__"}, {"__module__", "__dict__", "__weakref__", "__doc__"})
+        self.assertEqual((JSONDatatable.__doc__, JSONDatatable.__bases__), (None, (object,)))
+        self.assertEqual(list(vars(self.db).items()), [("filename", self.path), ("tables", {})])
+
+    def test_as_declared(self):
+        for name, declared in METHODS.items():
+            with self.subTest(name):
+                method = vars(JSONDatatable)[name]
+                self.assertTrue(inspect.isfunction(method))
+                self.assertEqual(inspect.signature(method), inspect.signature(declared))
+                self.assertEqual(list(method.__annotations__.items()), list(declared.__annotations__.items()))
+                self.assertEqual(method.__defaults__, declared.__defaults__)
+                self.assertEqual(method.__doc__, declared.__doc__)
+                self.assertEqual((method.__name__, method.__qualname__), (name, f"JSONDatatable.{name}"))
+                self.assertEqual((method.__module__, method.__globals__), (module.__name__, vars(module)))
+                self.assertEqual(typing.get_type_hints(method), typing.get_type_hints(declared))
+                self.assertIn(name + str(inspect.signature(declared)), pydoc.render_doc(method, renderer=pydoc.plaintext))
+                self.assertIs(pickle.loads(pickle.dumps(method)), method)
+                self.assertIs(weakref.ref(method)(), method)
+                self.assertRaises(TypeError, mock.create_autospec(method), *range(6))
+
+    def test_receivers(self):
+        class Louder(JSONDatatable):
+            def get_row(self, table_name, row_id):
+                return {key: value.upper() for key, value in super().get_row(table_name, row_id).items()}
+
+        self.table(optional("n"), rows=["x"])
+        self.assertEqual(Louder(self.path).get_row("t", 0), {"n": "X"})
+        self.assertEqual(pickle.loads(pickle.dumps(self.db.get_row))("t", 0), {"n": "x"})
+        stand_in = types.SimpleNamespace(tables=self.db.tables, _row_to_dict=lambda table, row: {"row": row})
+        self.assertEqual(JSONDatatable.get_row(stand_in, "t", 0), {"row": ["x"]})
+
+    def test_reassigned_defaults(self):
+        with mock.patch.object(JSONDatatable.__init__, "__defaults__", (self.at("other.json"),)):
+            self.assertEqual(JSONDatatable().filename, self.at("other.json"))
+        with mock.patch.object(JSONDatatable._project_row, "__defaults__", (["a"],)):
+            self.assertEqual(self.db._project_row({"a": 1, "b": 2}), {"a": 1})
+
+    def test_runaway_recursion(self):
+        self.assertEqual(run_python(f"""
+            from {module.__name__} import JSONDatatable
+            class Endless(JSONDatatable):
+                load = JSONDatatable.__init__
+            for _ in range(2):
+                try:
+                    Endless("nowhere.json")
+                except RecursionError:
+                    print("stopped")
+        """), ["stopped"] * 2)
+
+
+class Arguments(DatabaseTest):
+    def test_binding(self):
+        db, count = self.db, "{}() takes {} positional argument{} ({} given)".format
+        for name, args, keywords, message in (
+                ("save", (), {}, count("save", "exactly 1", "", 0)),
+                ("save", (db, 1), {}, count("save", "exactly 1", "", 2)),
+                ("create_table", (db, "t"), {}, count("create_table", "exactly 3", "s", 2)),
+                ("__init__", (), {}, count("__init__", "at least 1", "", 0)),
+                ("__init__", (db, 1, 2), {"x": 1}, count("__init__", "at most 2", "s", 3)),
+                ("select", (db, 1, 2, 3, 4, 5), {}, count("select", "at most 5", "s", 6)),
+                # After keywords the count given is the position of the first parameter left out.
+                ("select", (db,), {"limit": 1}, count("select", "at least 2", "s", 1)),
+                ("insert", (), {"table_name": "t", "data": {}}, count("insert", "exactly 3", "s", 0)),
+                ("update", (db,), {"row_id": 0, "table_name": "t"}, count("update", "exactly 4", "s", 3)),
+                ("insert", (db,), {"naïve": 1}, "insert() got an unexpected keyword argument 'naïve'"),
+                ("insert", (db, "t"), {"table_name": 1}, "insert() got multiple values for keyword argument 'table_name'"),
+                ("save", (db,), {"self": db}, "save() got multiple values for keyword argument 'self'")):
+            with self.subTest(message), self.unchanged(TypeError, message):
+                getattr(JSONDatatable, name)(*args, **keywords)
+
+    def test_keywords(self):
+        self.table(optional("n"), rows=["x"])
+        self.assertEqual(JSONDatatable.get_row(**{"row" + "_id": 0, type("Text", (str,), {})("self"): self.db}, table_name="t"),
+                         {"n": "x"})
+        self.assertRaises(TypeError, lambda: self.db.save(**{1: 2}))
+        if pyobject_vectorcall:
+            with self.unchanged(TypeError, "save() keywords must be strings"):
+                pyobject_vectorcall(JSONDatatable.save, (self.db, 2), (1,))
+
+    def test_order_and_words_of_type_errors(self):
+        good = {"str": "t", "dict": {}, "list": [], "int": 0}
+        for name, declared in METHODS.items():
+            checks = re.findall(r"(str|dict|list|int) (\w+): (Optional)?", declared.__doc__.splitlines()[0])
+            given = dict.fromkeys(list(inspect.signature(declared).parameters)[1:], object())
+            for kind, parameter, may_be_none in sorted(checks, key=lambda check: check[0] != "int"):
+                words = f"Argument '{parameter}' has incorrect type (expected {kind}, got "
+                with self.subTest(name, parameter=parameter):
+                    with self.unchanged(TypeError, words + "object)"):
+                        getattr(self.db, name)(**given)
+                    if kind != "int":
+                        heir = type("Heir", (type(good[kind]),), {})()
+                        with self.assertRaisesRegex(TypeError, "^" + re.escape(words) + r"Heir\)\. .*subclass"):
+                            getattr(self.db, name)(**{**given, parameter: heir})
+                    if not may_be_none:
+                        with self.unchanged(TypeError, words + "NoneType)"):
+                            getattr(self.db, name)(**{**given, parameter: None})
+                given[parameter] = None if may_be_none else good[kind]
+
+
+if __name__ == "__main__":
+    unittest.main()

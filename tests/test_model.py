@@ -1,0 +1,462 @@
+"""Random operations, run on the module and on its plain-Python model, which must never differ.
+
+Each step draws from a generator of its own, once for each side: equal states lead to the same choices,
+and no object is shared. A difference is reported with the fewest steps that still lead to it.
+"""
+
+import contextlib
+import copy
+import inspect
+import io
+import json
+import os
+import pickle
+import random
+import sys
+import tempfile
+import unittest
+from datetime import date, datetime
+from decimal import Decimal
+from fractions import Fraction
+from types import SimpleNamespace
+from unittest import mock
+
+import model
+
+
+@contextlib.contextmanager
+def staged_open(path, mode, encoding):
+    """For the model: what the JSON writer refuses never reaches the file."""
+    if mode == "r":
+        with open(path, mode, encoding=encoding) as file:
+            yield file
+    else:
+        staged = io.TextIOWrapper(io.BytesIO(), encoding)
+        yield staged
+        staged.flush()
+        with open(path, "wb") as file:
+            file.write(staged.buffer.getvalue())
+
+
+# Odd values. What they do depends on nothing but their tags, so that it is the same on both sides.
+
+class Tagged:
+    def __init__(self, tag):
+        self.tag = tag
+
+    def __repr__(self):
+        return f"{type(self).__name__}({self.tag!r})"
+
+    def __hash__(self):  # the hash of 1 and True: look-ups have to compare
+        return 1
+
+
+class Failing(Tagged):
+    def fail(self, operation, failure=TypeError):
+        if self.tag == operation:
+            raise failure(operation)
+
+    def __eq__(self, other):
+        self.fail("eq")
+        return isinstance(other, Failing) and self.tag == other.tag
+
+    def __hash__(self):
+        self.fail("hash")
+        return 1
+
+    def __str__(self):
+        self.fail("str", ValueError)
+        return "7.5"
+
+    def __bool__(self):
+        self.fail("bool", RuntimeError)
+        return True
+
+
+class Sided(Tagged):
+    """Tells left from right, and == from a negated !=."""
+    def __eq__(self, other):
+        return isinstance(other, Sided) and self.tag >= other.tag
+
+    def __ne__(self, other):
+        return not isinstance(other, Sided) or self.tag > other.tag
+
+    __hash__ = Tagged.__hash__
+
+
+class Indexed(Tagged):
+    def __index__(self):
+        return self.tag
+
+
+class Floating(Tagged):
+    def __float__(self):
+        return self.tag
+
+
+def subclass(name, base):
+    return type(name, (base,), {"__module__": __name__, "__repr__": lambda self: f"{name}({base.__repr__(self)})"})
+
+
+Text, Whole, Real, Items, Record = map(subclass, ("Text", "Whole", "Real", "Items", "Record"), (str, int, float, list, dict))
+
+
+def nested(depth):
+    return [nested(depth - 1)] if depth else []
+
+
+PLAIN = [None, True, False, 0, 1, 2, 3, 7, 1.0, 2.5, "", "a", "b", "c", "d", "Abc", "Zed", "1", "2.5", "é", "naïve 日本"]
+TYPED = {"number": [0, 1, 2, 3, 4, 5, 1.0, 2.5, 1e20, 1e-05, True, "1", "2", "3.", "4.50", " 7 ", "1_0", "1e3"],
+         "boolean": [True, False, 0, 1, "", "false", 0.0],
+         "date": ["2024-03-15", "2024-3-5", "2024-01-01", "2024-01-02", "2024-02-30", date(2024, 3, 15), date(2024, 1, 1), 20240315],
+         "odd": [Sided(1), Sided(2), Sided(3), Sided(4), Failing("eq"), float("nan"), (1, "a"), [1], 1]}
+ODD = [lambda: float("nan"), lambda: float("inf"), lambda: -0.0, lambda: 1e20, lambda: 1e-05, lambda: 1e16, lambda: 10 ** 30,
+       lambda: -2 ** 63, lambda: b"x", lambda: (1, "a"), lambda: (), lambda: [], lambda: [1, [None]], lambda: nested(12),
+       lambda: {"k": 1.5, 2: None, 1.5: True}, lambda: date(2024, 3, 15), lambda: datetime(2024, 3, 15, 10, 5), lambda: frozenset([1]),
+       lambda: Decimal("1.50"), lambda: Fraction(3, 2), lambda: 1j, lambda: 'q"\\\n\t\x01\x7f\u2028', lambda: Text("a"), lambda: Whole(1),
+       lambda: Real(2.5), lambda: Items([1]), lambda: Record(k=Text("v")), lambda: Failing("eq"), lambda: Failing("hash"),
+       lambda: Failing("bool"), lambda: Sided(1), lambda: Sided(2), lambda: Sided(3), lambda: Floating(1.5), lambda: Indexed(1)]
+UNWRITABLE = [lambda: "\ud800", lambda: Failing("str"), lambda: {(1, 2): 3}, lambda: [{date(2024, 3, 15): 1}]]
+NUMBERS = [1.9, -0.5, True, Whole(1), 10 ** 30, -2 ** 64, Fraction(3, 2), Indexed(1), Floating(1.5), Decimal("2.7"), 1j, "1", None,
+           float("nan"), float("inf")]
+DAMAGE = [lambda: None, lambda: 1, lambda: True, lambda: 2.5, lambda: "id", lambda: [], lambda: {}, lambda: [1], lambda: {"a": [0]},
+          lambda: [[1, "a"], [None]], lambda: {"name": "id", "data_type": "number"}]
+TABLES = ["t", "second", "é"]
+FILES = ["database.json", "other.json", "folder", "none/x.json", "a\0b", "\ud800", None]
+STEPS = {"create_table": 3, "insert": 24, "update": 14, "clear_table": 0.5, "delete": 6, "select": 16, "get_row": 4, "_build_indexes": 1,
+         "_build_index": 1, "_row_to_dict": 2, "_validate_row": 4, "_dict_to_row_id": 5, "_project_row": 2, "save": 1, "load": 2,
+         "display_table": 4, "__init__": 0.2, "fill": 0.06, "edit_rows": 2, "edit_columns": 1, "edit_indexes": 2, "reopen": 2, "copy": 1, "move": 0.5,
+         "damage": 1}
+
+# What a redefined method makes of the original's result.
+TWISTS = {"_row_to_dict": [lambda r: {**r, "more": 1}, lambda r: Record(r), lambda r: None, list],
+          "_project_row": [lambda r: dict(reversed(r.items())), lambda r: None],
+          "_dict_to_row_id": [lambda r: None, lambda r: 0, lambda r: 99, lambda r: "0"],
+          "_validate_row": [lambda r: Record(r), lambda r: dict(list(r.items())[1:]), lambda r: None],
+          "select": [lambda r: r[:1], lambda r: r + [{"more": 1}], lambda r: None],
+          "save": [lambda r: 1 / 0], "load": [lambda r: 1 / 0], "_build_index": [lambda r: 1 / 0], "_build_indexes": [str]}
+
+
+class Side:
+    """One implementation, with a database in a folder of its own."""
+    def __init__(self, module, kind, folder):
+        self.module, self.kind, self.folder, self.calls = module, kind, folder, []
+        os.mkdir(folder)
+        os.chdir(folder)
+        self.db = kind()
+
+    def run(self, seed):
+        """All that a caller can see of a step and after it."""
+        os.chdir(self.folder)
+        step, printed, failure, self.calls = Step(self, seed), io.StringIO(), None, []
+        try:
+            with contextlib.redirect_stdout(printed):
+                step.run()
+        except Exception as error:
+            failure = self.failure(error)
+        tables = [(name, vars(table), vars(table).get(model.AS_READ, self) is table.indexes) for name, table in self.db.tables.items()]
+        files = [(path, open(path, "rb").read()) for path in sorted(os.listdir()) if path != "folder"]
+        return str(step), repr(step.given), step.result, failure, printed.getvalue(), self.calls, repr(tables), self.db.filename, files
+
+    def failure(self, error):
+        """Class and arguments. The note on a subclass, behind ". ", is free wording; text may be encoded whole or in pieces."""
+        words = repr(error.args).replace(self.module.__name__, "")
+        if isinstance(error, UnicodeEncodeError):
+            words = error.object[error.start:error.end] + error.reason
+        if "has incorrect type (expected" in words:
+            words = words.split(". ")[0]
+        return type(error), words, error.__suppress_context__, error.__context__ and self.failure(error.__context__)
+
+
+class Step:
+    """One random step for one side."""
+    def __init__(self, side, seed):
+        self.side, self.db, self.draw, self.given, self.result = side, side.db, random.Random(seed), [], None
+        self.name = self.choose(list(self.db.tables) or TABLES) if self.chance(.95) else self.choose(TABLES + ["nope"])
+        self.table = self.db.tables.get(self.name) or side.module.Table(self.name, [])
+        self.rows, self.columns = self.table.rows, self.table.columns
+        self.what, = self.draw.choices(list(STEPS), STEPS.values())
+        if not self.rows and self.chance(.5):
+            self.what = "insert" if self.name in self.db.tables else "create_table"
+        if self.db.filename not in FILES[:2] and self.chance(.3):
+            self.what = "move"
+        self.twist = self.choose([None] * 30 + list(TWISTS) + ["namespace"])
+
+    def __str__(self):
+        return f"{self.what}({', '.join(map(repr, self.given))})" + (f" with {self.twist} redefined" if self.twist else "")
+
+    def chance(self, probability):
+        return self.draw.random() < probability
+
+    def choose(self, options):
+        return self.draw.choice(options)
+
+    # Values
+
+    def value(self):
+        if self.chance(.9):
+            return self.choose(PLAIN)
+        return self.choose(UNWRITABLE if self.chance(.03) else ODD)()
+
+    def cell(self, position):
+        """A value for the column; often the very object that a row holds there."""
+        held = [row[position] for row in self.rows if isinstance(row, list) and len(row) > position]
+        if held and self.chance(.35):
+            return self.choose(held)
+        kind = getattr(self.columns[position], "data_type", None)
+        return self.choose(TYPED[kind]) if kind in TYPED and self.chance(.85) else self.value()
+
+    def values(self, share):
+        """A dictionary from column names to values."""
+        positions = [i for i in range(len(self.columns)) if self.chance(share)]
+        if self.chance(.2):
+            self.draw.shuffle(positions)
+        result = {self.column_name(i): self.cell(i) for i in positions}
+        if self.chance(.08):
+            result[self.choose(["extra", 1, None, Text("id")])] = self.value()
+        return result
+
+    def column_name(self, position=None):
+        names = [getattr(column, "name", "x") for column in self.columns] + ["none"]
+        name = self.choose(names) if position is None else names[position]
+        return name if name.__hash__ else "x"
+
+    def column(self):
+        name = self.choose(["id", "name", "n", "when", "x"]) if self.chance(.985) else self.choose([5, None, Text("id"), ["id"]])
+        if self.chance(.005):
+            return SimpleNamespace(name=name)
+        required, unique = [self.chance(share) if self.chance(.97) else self.value() for share in (.1, .4)]
+        return self.side.module.Column(
+            name, self.choose(["number", "number", "boolean", "date", "text", "text", "text", "Number", None, "odd", "odd"]), required, unique,
+            self.value() if self.chance(.2) else None,
+            self.choose(["", "[A-Z]", "a", r"\d+$", "(", 5, b"a"]) if self.chance(.1) else None)
+
+    # Arguments, by parameter name
+
+    def give_columns(self):
+        if self.what != "create_table":
+            return None if self.chance(.4) else [self.column_name() for _ in range(self.draw.randrange(4))]
+        columns = [self.column() for _ in range(self.choose([0, 1, 2, 3, 3, 4, 5]))]
+        return columns if self.chance(.25) else list({repr(column.name): column for column in columns}.values())
+
+    def give_conditions(self):
+        if self.chance(.15):
+            return self.choose([None, {}])
+        position = self.choose([*range(len(self.columns)), None])
+        return self.values(.4) if position is None else {self.column_name(position): self.cell(position)}
+
+    def give_row_id(self):
+        if self.chance(.25):
+            return self.choose(NUMBERS) if self.chance(.3) else self.draw.randrange(-1, len(self.rows) + 2)
+        return self.draw.randrange(len(self.rows) or 1)
+
+    def argument(self, name):
+        return {
+            "table_name": lambda: self.choose(TABLES) if self.what == "create_table" else self.name,
+            "filename": lambda: self.choose(FILES[:2]),
+            "columns": self.give_columns, "conditions": self.give_conditions, "row_id": self.give_row_id,
+            "data": lambda: self.values(.8), "new_data": lambda: self.values(.8), "row_dict": lambda: self.values(.8),
+            "limit": lambda: self.choose(NUMBERS) if self.chance(.1) else self.choose([0, 1, 2, 3, 20, -1, -2]),
+            "column_name": self.column_name,
+            "table": lambda: self.table if self.chance(.9) else SimpleNamespace(columns=self.columns, rows=self.rows, indexes=self.table.indexes),
+            "row": lambda: self.choose(self.rows) if self.rows and self.chance(.8) else [self.value() for _ in range(self.draw.randrange(5))],
+            "update": lambda: self.choose([True, False, None, "x", [], Failing("bool")]),
+        }[name]()
+
+    # Steps
+
+    def call(self):
+        """A call of a method, its arguments given by position, by name, or now and then wrongly."""
+        parameters = list(inspect.signature(getattr(model.JSONDatatable, self.what)).parameters.values())[1:]
+        values = {p.name: self.argument(p.name) for p in parameters if p.default is p.empty or self.chance(.6)}
+        names = [p.name for p in parameters]
+        while self.chance(.06) and values:
+            junk = [None, 5, (), "1", Text(self.name), Items(), Record(), self.value(), self.choose(NUMBERS)]
+            self.choose([lambda: values.popitem(), lambda: values.update(bogus=1), lambda: values.update(self=self.db),
+                         *[lambda: values.update({self.choose(list(values)): self.choose(junk)})] * 3])()
+        positional = next((i for i, name in enumerate(names) if name not in values), len(names))
+        if self.chance(.25):
+            positional = self.draw.randrange(positional + 1)
+        args = [values.pop(name) for name in names[:positional]] + [None] * self.chance(.005)
+        if self.chance(.005):
+            values[self.choose(["self"] + names[:positional])] = 1
+        self.given = args + [(name, value) for name, value in values.items() if name != "self"]
+        method = getattr(self.db, self.what)
+        if self.chance(.02):
+            method, args = getattr(self.side.kind, self.what), [self.db][:self.chance(.8) and "self" not in values] + args
+        self.keep(method(*args, **values))
+
+    def keep(self, result):
+        """Writes the result down, then spoils it: what was handed out is no part of the store, nor of its like."""
+        self.result = repr(result)
+        for spoiled in [result, *result] if isinstance(result, list) else [result]:
+            if isinstance(spoiled, dict):
+                spoiled.update(more=len(spoiled))
+                spoiled.pop("id", None)
+        self.result += repr(result)
+        if isinstance(result, list):
+            result.clear()
+
+    def edit(self, *edits):
+        number = self.draw.randrange(len(edits))
+        self.given = [self.name, number]
+        self.given.append(edits[number]())
+
+    def fill(self):
+        """Enough rows for what is done only in large tables."""
+        for _ in range(40):
+            self.rows.append([self.cell(position) for position in range(len(self.columns))])
+
+    def edit_rows(self):
+        row = self.choose(self.rows or [[]])
+        at = self.draw.randrange(len(row or [0]))
+        other = self.choose([[], [None] * len(self.columns), tuple(row or ()), "ab", None])
+        set_cell = lambda: row.__setitem__(at, self.value())
+        self.edit(lambda: self.rows.append([self.value() for _ in range(self.draw.randrange(len(self.columns) + 2))]),
+                  lambda: self.rows.__setitem__(self.draw.randrange(len(self.rows)), other), lambda: self.rows.pop(),
+                  lambda: row.append(self.value()), lambda: row.pop(), set_cell, set_cell, set_cell)
+
+    def edit_columns(self):
+        column, other, fields = self.choose(self.columns or [None]), self.column(), ("unique", "name", "data_type", "required", "default")
+        self.edit(lambda: self.columns.append(other), lambda: self.columns.pop(), lambda: self.columns.reverse(),
+                  *[lambda name=name: setattr(column, name, getattr(other, name, None)) for name in fields])
+
+    def edit_indexes(self):
+        table, name, indexes = self.table, self.column_name(), self.table.indexes
+        ids = [self.draw.randrange(len(self.rows) + 1) for _ in range(self.draw.randrange(3))]
+        index = self.choose([{}, {date(2024, 3, 15): ids, "2024-03-15": [], (1,): ids}, None, [1], Record(a=ids), {self.value(): ids}])
+        add = lambda: indexes[name].setdefault(self.choose([*indexes[name], self.value()]), []).extend(ids)
+        self.edit(lambda: setattr(table, "indexes", dict(indexes)), lambda: setattr(table, "indexes", {name: index}),
+                  lambda: indexes.pop(name), lambda: indexes.__setitem__(name, index), add, add, add)
+
+    def reopen(self):
+        self.side.db = self.side.kind(self.db.filename)
+
+    def copy(self):
+        self.side.db = self.choose([copy.deepcopy, lambda db: pickle.loads(pickle.dumps(db))])(self.db)
+
+    def move(self):
+        self.db.filename = self.choose(FILES if self.db.filename in FILES[:2] else FILES[:1])
+        self.given = [self.db.filename]
+        os.makedirs("folder", exist_ok=True)
+
+    def damage(self):
+        """Changes the file somewhere and reads it."""
+        with open(self.db.filename, "rb") as file:
+            text = file.read()
+        at = self.draw.randrange(len(text) + 1)
+        if self.chance(.8):
+            text = json.dumps(self.damaged(json.loads(text))).encode()
+        else:
+            text = self.choose([text[:at], text[:at] + b"\xff" + text[at:], b"\xef\xbb\xbf" + text, text + b"{", b" " + text + b"\n", b""])
+        with open(self.db.filename, "wb") as file:
+            file.write(text)
+        self.given = [text]
+        self.choose([self.reopen, self.db.load])()
+
+    def damaged(self, item, depth=0):
+        """The item with one change at a random place in it."""
+        keys = list(item) if isinstance(item, dict) else range(len(item)) if isinstance(item, list) else ()
+        if not keys or self.chance(.15) and depth:
+            return self.choose(DAMAGE)()
+        key = self.choose(keys)
+        if self.chance(.2):
+            del item[key]
+        else:
+            item[key] = self.damaged(item[key], depth + 1)
+        return item
+
+    # Redefined methods and module names
+
+    def run(self):
+        action = self.call if hasattr(model.JSONDatatable, self.what) else getattr(self, self.what)
+        if self.twist is None:
+            return action()
+        if self.twist == "namespace":
+            with mock.patch.object(self.side.module, *self.replacement()):
+                return action()
+        change, target = self.choose(TWISTS[self.twist]), self.choose([self.db, self.side.kind])
+        original = getattr(target, self.twist)
+        setattr(target, self.twist, lambda *args, **kwargs: change(self.told(original)(*args, **kwargs)))
+        try:
+            action()
+        finally:
+            if target is self.db:
+                delattr(target, self.twist)
+            else:
+                setattr(target, self.twist, original)
+
+    def told(self, function):
+        """The function, with its calls written down."""
+        def tell(*args, **kwargs):
+            seen = [(name, value) for name, value in [*enumerate(args), *kwargs.items()]
+                    if not isinstance(value, (self.side.kind, io.IOBase))]
+            self.side.calls.append(repr(seen))
+            return function(*args, **kwargs)
+        return tell
+
+    def replacement(self):
+        """A name of the module's namespace, and what stands for it."""
+        module, told = self.side.module, self.told
+        return self.choose([
+            ("json", SimpleNamespace(dump=told(lambda document, file, **options: file.write("[]")), load=lambda file: {"tables": {}})),
+            ("json", SimpleNamespace(dump=told(json.dump), load=lambda file: json.loads(file.read() + " "))),
+            ("datetime", SimpleNamespace(strptime=told(lambda text, form: SimpleNamespace(date=lambda: text[::-1])))),
+            ("re", SimpleNamespace(match=told(lambda pattern, text: text > "b"))),
+            ("os", SimpleNamespace(path=SimpleNamespace(exists=told(lambda path: False)))),
+            ("Column", told(module.Column)), ("Table", told(module.Table))])
+
+
+def difference(other, seed, steps, trace=None):
+    """The first of the steps after which the sides differ, and what each shows; None when they never do."""
+    with contextlib.ExitStack() as stack:
+        folder = stack.enter_context(tempfile.TemporaryDirectory())
+        stack.callback(os.chdir, os.getcwd())
+        stack.enter_context(mock.patch.object(model, "open", staged_open, create=True))
+        stack.enter_context(mock.patch.object(sys, "unraisablehook", lambda failure: None))  # an id that can't be put back
+        sides = Side(model, model.Checked, os.path.join(folder, "a")), Side(*other, os.path.join(folder, "b"))
+        for number in steps:
+            ours, theirs = [side.run(seed * 1000003 + number) for side in sides]
+            if trace is not None:
+                trace.append(f"  {number}: {ours[0]}")
+            if ours != theirs:
+                return number, ours, theirs
+    return None
+
+
+def report(other, seed, length=200):
+    """How this seed's run goes differently, with as few steps as a short search finds; else an empty text."""
+    found = difference(other, seed, range(length))
+    if not found:
+        return ""
+    steps, size, trace = list(range(found[0] + 1)), found[0], []
+    while size:
+        for start in range(0, len(steps), size):
+            fewer = steps[:start] + steps[start + size:]
+            sooner = difference(other, seed, fewer)
+            if sooner:
+                steps = fewer[:fewer.index(sooner[0]) + 1]
+                break
+        else:
+            size //= 2
+    number, ours, theirs = difference(other, seed, steps, trace)
+    lines = [f"seed {seed}, step {found[0]}; these steps are enough:", *trace]
+    for ours, theirs in zip(map(repr, ours), map(repr, theirs)):
+        start = max(0, len(os.path.commonprefix([ours, theirs])) - 200)
+        lines += [f"  {name} ...{text[start:][:600]}" for name, text in (("model ", ours), ("module", theirs)) if ours != theirs]
+    return "\n".join(lines)
+
+
+def reports(seeds):
+    """The reports of those seeds at which the module and the model differ."""
+    from talvern_client.utils import json_database
+    return [text for text in (report((json_database, json_database.JSONDatatable), seed) for seed in seeds) if text]
+
+
+class ModelTest(unittest.TestCase):
+    def test_random_operations(self):
+        self.assertEqual("", "\n".join(reports(range(30))))
+
+
+if __name__ == "__main__":
+    unittest.main()
