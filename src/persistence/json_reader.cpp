@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/module_state.h"
+#include "persistence/json_bytes.h"
 
 namespace jdb::persistence {
 namespace {
@@ -29,7 +30,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kLongest = 32;
+    static constexpr std::size_t kLongest = 16;
     static constexpr std::size_t kSlots = 2048;
 
     static Ref make(std::string_view ascii) {
@@ -151,6 +152,7 @@ private:
     Ref read_string() {
         ++at_;
         const char* const start = at_;
+        while (end_ - at_ >= 8 && !has_special(at_)) at_ += 8;
         bool ascii = true;
         for (; at_ != end_; ++at_) {
             const auto byte = static_cast<unsigned char>(*at_);
@@ -273,9 +275,14 @@ private:
 
     // The digits from `start` to here.
     Ref read_integer(const char* start) const {
-        long long value = 0;
-        const std::from_chars_result result = std::from_chars(start, at_, value);
-        if (result.ec == std::errc{}) return Ref::steal(PyLong_FromLongLong(value));
+        constexpr int kDigitsThatFit = 18;
+        if (at_ - start <= kDigitsThatFit) {
+            const bool negative = *start == '-';
+            long long value = 0;
+            for (const char* digit = start + (negative ? 1 : 0); digit != at_; ++digit)
+                value = value * 10 + (*digit - '0');
+            return Ref::steal(PyLong_FromLongLong(negative ? -value : value));
+        }
         const std::string digits(start, at_);
         PyObject* number = PyLong_FromString(digits.c_str(), nullptr, 10);
         if (number == nullptr && PyErr_ExceptionMatches(PyExc_ValueError) != 0) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "host/object.h"
+#include "persistence/json_bytes.h"
 #include "persistence/json_number.h"
 #include "records/fields.h"
 
@@ -18,18 +19,6 @@ namespace {
 constexpr int kSafeDepth = 100;
 
 // ---- Strings ----
-
-constexpr std::uint64_t kOnes = 0x0101010101010101U;
-constexpr std::uint64_t kHighBits = kOnes << 7U;
-
-// Whether any of the eight bytes is a quote, a backslash, a control character or no ASCII.
-bool has_special(std::uint64_t bytes) {
-    const auto zero_in = [](std::uint64_t word) { return (word - kOnes) & ~word; };
-    const std::uint64_t quotes = zero_in(bytes ^ (kOnes * '"'));
-    const std::uint64_t backslashes = zero_in(bytes ^ (kOnes * '\\'));
-    const std::uint64_t controls = (bytes - kOnes * 0x20U) & ~bytes;
-    return ((quotes | backslashes | controls | bytes) & kHighBits) != 0;
-}
 
 char* write_escape(char* to, unsigned character) {
     *to++ = '\\';
@@ -95,13 +84,7 @@ bool write_characters(const Character* characters, std::size_t count, TextBuffer
 std::size_t copy_plain(const char* from, std::size_t count, TextBuffer& text) {
     char* const to = text.reserve(count);
     std::size_t done = 0;
-    while (count - done >= sizeof(std::uint64_t)) {
-        std::uint64_t bytes = 0;
-        std::memcpy(&bytes, from + done, sizeof bytes);
-        if (has_special(bytes)) break;
-        std::memcpy(to + done, &bytes, sizeof bytes);
-        done += sizeof bytes;
-    }
+    for (; count - done >= 8 && !has_special(from + done); done += 8) std::memcpy(to + done, from + done, 8);
     while (done < count && !is_escaped(static_cast<unsigned char>(from[done])) &&
            static_cast<unsigned char>(from[done]) < 0x80) {
         to[done] = from[done];

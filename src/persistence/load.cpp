@@ -81,6 +81,8 @@ Ref read_natively(PyObject* bytes) {
 
 // What json.load makes of the bytes, by whichever road.
 Ref parse(PyObject* json, PyObject* bytes) {
+    // A descriptor that does not wait gives None where there is nothing to read yet.
+    if (!PyBytes_Check(bytes)) raise(PyExc_TypeError, "cannot read a database from '%.100s'", Py_TYPE(bytes)->tp_name);
     Ref document = read_natively(bytes);
     if (document) return document;
     const Ref stream = call(module_state.bytes_io, {bytes});

@@ -49,6 +49,12 @@ bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position) {
     return true;
 }
 
+void require_in_place(PyObject* table, PyObject* row_id, PyObject* row) {
+    const Ref rows = get_field(table, names::rows);
+    const Ref current = get_item(rows, row_id);
+    if (current != row) raise(PyExc_RuntimeError, "row %S was changed during an operation on it", row_id);
+}
+
 Py_ssize_t count_live(PyObject* rows) {
     Py_ssize_t count = 0;
     for (const Ref& row : Iteration(rows)) {

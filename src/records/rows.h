@@ -18,6 +18,10 @@ Ref make_tombstone(PyObject* columns);
 // Whether the id, exactly an int of any size, is a position in `rows`. Then `position` is set to it.
 bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position);
 
+// Raises RuntimeError when another row has come into this one's place: host code that an operation on the row ran has
+// worked on it as well, and going on would leave the indexes wrong.
+void require_in_place(PyObject* table, PyObject* row_id, PyObject* row);
+
 // How many rows are not deleted.
 Py_ssize_t count_live(PyObject* rows);
 

@@ -88,6 +88,7 @@ Equality compare_plain(PyObject* stored, PyObject* wanted) {
     PyTypeObject* wanted_type = Py_TYPE(wanted);
     if (stored_type == &PyUnicode_Type && wanted_type == &PyUnicode_Type) {
         if (stored == wanted) return Equality::equal;
+        if (!PyUnicode_IS_READY(stored) || !PyUnicode_IS_READY(wanted)) return Equality::unknown;
         if (PyUnicode_GET_LENGTH(stored) != PyUnicode_GET_LENGTH(wanted)) return Equality::unequal;
         return PyUnicode_Compare(stored, wanted) == 0 ? Equality::equal : Equality::unequal;
     }

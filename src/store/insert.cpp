@@ -62,6 +62,7 @@ Ref insert(PyObject* self, PyObject* table_name, PyObject* data) {
     AppendedRow appended(rows, row);
     IndexAddition listed(row_id);
     listed.add(table, row);
+    require_in_place(table, row_id, row);
     listed.keep();
     appended.keep();
 

@@ -17,6 +17,7 @@ void remove_row(PyObject* table, PyObject* row_id) {
     withdrawn.withdraw();
     const Ref columns = get_attribute(table, names::columns);
     const Ref tombstone = make_tombstone(columns);
+    require_in_place(table, row_id, row);
     const Ref current_rows = get_attribute(table, names::rows);
     set_item(current_rows, row_id, tombstone);
     withdrawn.keep();

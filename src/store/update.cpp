@@ -10,18 +10,24 @@
 namespace jdb::store {
 namespace {
 
-// A row put in another's place, which gets its place back unless the new one is kept.
+// A row put in another's place, which gets its place back unless the new one is kept or has been replaced in turn.
 class ReplacedRow {
 public:
     ReplacedRow(PyObject* rows, PyObject* row_id, PyObject* old_row, PyObject* new_row)
-        : rows_(Ref::borrow(rows)), row_id_(Ref::borrow(row_id)), old_row_(Ref::borrow(old_row)) {
+        : rows_(Ref::borrow(rows)),
+          row_id_(Ref::borrow(row_id)),
+          old_row_(Ref::borrow(old_row)),
+          new_row_(Ref::borrow(new_row)) {
         set_item(rows, row_id, new_row);
         replaced_ = true;
     }
     ~ReplacedRow() {
         if (!replaced_) return;
         const SavedError error;
-        attempt([&] { set_item(rows_, row_id_, old_row_); });
+        attempt([&] {
+            const Ref current = get_item(rows_, row_id_);
+            if (current == new_row_) set_item(rows_, row_id_, old_row_);
+        });
     }
     ReplacedRow(const ReplacedRow&) = delete;
     ReplacedRow& operator=(const ReplacedRow&) = delete;
@@ -32,6 +38,7 @@ private:
     Ref rows_;
     Ref row_id_;
     Ref old_row_;
+    Ref new_row_;
     bool replaced_ = false;
 };
 
@@ -52,10 +59,12 @@ Ref update(PyObject* self, PyObject* table_name, PyObject* row_id, PyObject* new
     withdrawn.withdraw();
     const Ref validated = call_method(self, names::validate_row, {table, new_data}, {{names::update, Py_True}});
     const Ref new_row = make_row(table, validated);
+    require_in_place(table, row_id, old_row);
     const Ref current_rows = get_attribute(table, names::rows);
     ReplacedRow replaced(current_rows, row_id, old_row, new_row);
     IndexAddition listed(row_id);
     listed.add(table, new_row);
+    require_in_place(table, row_id, new_row);
     listed.keep();
     replaced.keep();
     withdrawn.keep();

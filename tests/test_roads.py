@@ -1,0 +1,157 @@
+"""The fast roads against the defining ones, which rebinding a name or redefining a method brings back."""
+
+import contextlib
+import datetime
+import io
+import json
+import math
+import random
+import struct
+import types
+
+from support import Column, DatabaseTest, JSONDatatable, module
+
+
+class Text(str):
+    pass
+
+
+class Plain(JSONDatatable):
+    """Redefines the row conversions by themselves, which closes every scan's fast road."""
+
+    def _row_to_dict(self, *args):
+        return super()._row_to_dict(*args)
+
+    def _project_row(self, *args):
+        return super()._project_row(*args)
+
+
+@contextlib.contextmanager
+def plain_json():
+    """json.dump and json.load behind another module object: the native writer and reader stand aside."""
+    module.json = types.SimpleNamespace(dump=json.dump, load=json.load)
+    try:
+        yield
+    finally:
+        module.json = json
+
+
+ALPHABETS = ["abc xyz", 'a"\\\n\t\r\b\f\x00\x1f\x7f/', "aé\xff", "aあ\u2028", "a😀é\n\""]
+
+
+def text(r):
+    return "".join(r.choices(r.choice(ALPHABETS), k=r.choice([0, 1, 7, 8, 9, 17, 300])))
+
+
+def number(r):
+    return r.choice([
+        lambda: r.randint(-9, 9), lambda: r.choice([1, -1]) * 10 ** r.randint(0, 40) + r.randint(-1, 1),
+        lambda: struct.unpack("d", r.randbytes(8))[0], lambda: round(r.uniform(-1e4, 1e4), r.randint(0, 7)),
+        lambda: r.choice([math.nan, math.inf, -math.inf, 0.0, -0.0, 5e-324, 1e16, 1e22, 123456789012345.6])])()
+
+
+def plain_value(r, depth=0):
+    """A value that the native writer knows."""
+    kind = r.randrange(9 if depth < 4 else 7)
+    if kind < 2:
+        return text(r)
+    if kind < 4:
+        return number(r)
+    if kind == 4:
+        return r.choice([None, True, False])
+    if kind == 5:
+        return datetime.date.fromordinal(r.randint(1, 3652059))
+    if kind == 6:
+        return datetime.datetime(r.randint(1, 9999), 1, 2, 3, 4, r.choice([0, 59]), r.choice([0, 1, 120000]))
+    if kind == 7:
+        return r.choice([list, tuple])(plain_value(r, depth + 1) for _ in range(r.randrange(4)))
+    return {r.choice([text, number, lambda r: r.choice([None, True, False])])(r): plain_value(r, depth + 1)
+            for _ in range(r.randrange(4))}
+
+
+def odd_value(r):
+    """A value at which it gives up, in ways that json.dump takes or refuses."""
+    deep = []
+    for _ in range(r.choice([150, 5000])):
+        deep = [deep]
+    return r.choice([Text("x"), {1, }, b"y", "\ud800", deep, {(1, 2): 3}, {Text("k"): 1}, 10 ** 5000, object,
+                     datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc), datetime.timedelta(1)])
+
+
+class RoadsTest(DatabaseTest):
+    def outcome(self, function, *args):
+        printed = io.StringIO()
+        with contextlib.redirect_stdout(printed):
+            try:
+                result = function(*args)
+            except Exception as error:
+                result = type(error), error.args
+        return repr(result), printed.getvalue()
+
+    def saved(self):
+        self.write(b"")
+        return self.outcome(self.db.save), self.on_disk()
+
+    def test_writing(self):
+        for seed in range(60):
+            r = random.Random(seed)
+            self.db.tables = {}
+            for name in {text(r) for _ in range(r.randint(0, 3))}:
+                columns = [Column(text(r), r.choice(["number", 5]), default=plain_value(r)) for _ in range(3)]
+                table = self.db.tables[name] = module.Table(name, columns)
+                table.rows = [[plain_value(r) for _ in range(r.choice([3, 3, 0, 5]))] for _ in range(r.choice([9, 600]))]
+                table.rows.append([None] * 3)
+                table.indexes = {name: {r.choice([text, number, lambda r: datetime.date(2024, 1, r.randint(1, 9))])(r):
+                                        [1, 2] for _ in range(r.randrange(4))}}
+                for _ in range(r.choice([0, 0, 1])):
+                    r.choice(table.rows).append(odd_value(r))
+            with self.subTest(seed=seed):
+                fast = self.saved()
+                with plain_json():
+                    self.assertEqual(self.saved(), fast)
+
+    def test_reading(self):
+        good = {"tables": {"t": {"name": "t", "columns": [], "rows": None, "indexes": {}}}, "more": [1, {"a": 2}]}
+        odd = ['"\\ud83d\\ude00\\u00e9\\/"', '"\\ud83d"', '"\\u12"', "1e999", "-0", "-0.0", "01", "1.", "-", "NaN",
+               "-Infinity", "[1,]", '{"a": 1, "b": 2, "a": 3}', "{1: 2}", "9" * 5000, "9" * 30, '"a\nb"', '"é\\n"',
+               "[" * 150 + "]" * 150, "[" * 100000, '"\ud800"', "1 2", "", "\ufeff1", "tru", '"' + "x" * 5000 + '"']
+        for seed in range(150):
+            r = random.Random(seed)
+            good["tables"]["t"]["rows"] = [[r.choice([text, number])(r) for _ in range(5)] for _ in range(5)]
+            data = json.dumps(good, ensure_ascii=r.random() < 0.5, indent=r.choice([None, 1]))
+            data = data.replace('"more"', r.choice(odd) if seed % 2 else '"more"').encode("utf-8", "surrogatepass")
+            if seed % 3 == 0:
+                at = r.randrange(len(data))
+                data = r.choice([data[:at], data[:at] + bytes([r.randrange(256)]) + data[at + 1:]])
+            for document in (data, r.choice(odd).encode("utf-8", "surrogatepass")):
+                with self.subTest(seed=seed, document=document[:200]):
+                    self.write(document)
+                    self.db.tables = {}
+                    fast = self.outcome(self.db.load), repr(self.db.tables)
+                    self.db.tables = {}
+                    with plain_json():
+                        self.assertEqual((self.outcome(self.db.load), repr(self.db.tables)), fast)
+
+    def test_scanning(self):
+        values = [None, 0, 1, True, 1.0, math.nan, "a", "b", "é", Text("a"), datetime.date(2024, 1, 1), b"a", [1], 2 ** 70]
+        for seed in range(200):
+            r = random.Random(seed)
+            names = r.choice([["a", "b", "c"], ["a", "b", "a"], [Text("a"), "b", "c"], ["a", 5, "c"], []])
+            columns = [Column(name, "any", unique=r.random() < 0.3) for name in names]
+            table = module.Table("t", columns)
+            table.rows = [[r.choice(values) for _ in range(r.choice([len(names), len(names), 4]))]
+                          for _ in range(r.choice([3, 60]))]
+            if r.random() < 0.2:
+                r.choice(table.rows)[:] = table.rows[0][:1]
+            wanted = {name: r.choice(values) for name in r.sample(["a", "b", "c", 5, "zz"], r.randint(0, 3))}
+            chosen = r.choice([None, None, ["b", "a", "b", "q"], [], [5, Text("a")]])
+            calls = [("select", ("t", wanted, chosen, r.choice([None, 0, 2, -1, 2 ** 70]))),
+                     ("_dict_to_row_id", (table, wanted)), ("_validate_row", (table, wanted)),
+                     ("_validate_row", (table, wanted, True)), ("display_table", ("t", 5)), ("get_row", ("t", 1))]
+            self.db.tables = {"t": table}
+            other = Plain(self.at("other.json"))
+            other.tables = self.db.tables
+            for method, args in calls:
+                with self.subTest(seed=seed, method=method):
+                    self.assertEqual(self.outcome(getattr(self.db, method), *args),
+                                     self.outcome(getattr(other, method), *args))
