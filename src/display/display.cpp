@@ -3,7 +3,7 @@
 
 #include "host/module_state.h"
 #include "records/database.h"
-#include "records/rows.h"
+#include "records/scan.h"
 
 namespace jdb::display {
 namespace {

@@ -68,6 +68,11 @@ Ref find_item(PyObject* dict, PyObject* key) {
     return {};
 }
 
+Ref item_if_key(PyObject* container, PyObject* key) {
+    if (PyDict_CheckExact(container)) return find_item(container, key);
+    return contains(container, key) ? get_item(container, key) : Ref{};
+}
+
 Ref get(PyObject* mapping, PyObject* key) {
     if (!PyDict_CheckExact(mapping)) return call_method(mapping, names::get, {key});
     Ref item = find_item(mapping, key);

@@ -3,3 +3,4 @@
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
+#include <longintrepr.h>

@@ -1,6 +1,7 @@
 // Conversions between the two forms of a row. They change nothing but what they return.
 #include "query/convert.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -25,9 +26,8 @@ Ref find_by_unique_value(PyObject* table, PyObject* data) {
         if (!value) continue;
         const Ref indexes = get_field(table, names::indexes);
         const Ref index = get(indexes, name, nothing_listed);
-        if (!contains(index, value)) continue;
-        const Ref ids = get_item(index, value);
-        return get_item(ids, Py_ssize_t{0});
+        const Ref ids = item_if_key(index, value);
+        if (ids) return get_item(ids, Py_ssize_t{0});
     }
     return {};
 }
@@ -62,16 +62,18 @@ bool matches(PyObject* table, PyObject* row, std::vector<Wanted>& entries) {
 // The fast road past rows that are certain not to match: the first position from `start` on whose row needs a
 // closer look, or the end. It is open while reading the columns runs no host code.
 Py_ssize_t skip_unmatched(PyObject* table, PyObject* rows, const std::vector<Wanted>& entries, Py_ssize_t start) {
-    const std::optional<ScanColumns> columns = ScanColumns::of(table);
-    if (!columns) return start;
+    const ScanColumns* columns = ScanColumns::of(table);
+    if (columns == nullptr) return start;
     std::vector<Condition> conditions;
     for (const Wanted& wanted : entries) {
         if (!PyUnicode_CheckExact(wanted.key)) return start;
         const Py_ssize_t position = columns->first(wanted.key);
         conditions.push_back({position < 0 ? Condition::kNeverHolds : position, wanted.value});
     }
+    const Py_ssize_t looked_at = conditions.empty() ? 0 : std::max<Py_ssize_t>(conditions.front().position, 0);
     Py_ssize_t i = start;
     for (; i < PyList_GET_SIZE(rows); ++i) {
+        prefetch_rows(rows, i, looked_at);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
         if (!is_deleted(row) && match_plain(row, conditions) != Equality::unequal) break;
@@ -99,6 +101,10 @@ Ref find_by_scan(PyObject* table, PyObject* rows, std::vector<Wanted>& entries) 
 }  // namespace
 
 Ref row_to_dict(PyObject* /*self*/, PyObject* table, PyObject* row, PyObject* columns) {
+    if (columns == Py_None) {
+        Ref plain = make_plain_dict(table, row);
+        if (plain) return plain;
+    }
     Ref row_dict = new_dict();
     Py_ssize_t position = -1;
     const Ref table_columns = get_field(table, names::columns);

@@ -1,7 +1,9 @@
 // The two roads of select, and get_row. They read only; an error drops what was found so far.
 #include "query/select.h"
 
+#include <algorithm>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "host/collector.h"
@@ -34,10 +36,18 @@ bool converts_plainly(PyObject* self, PyObject* row) {
     return PyList_CheckExact(row) && has_original(self, names::row_to_dict);
 }
 
+std::pair<Ref, Ref> only_condition(PyObject* conditions) {
+    Py_ssize_t at = 0;
+    PyObject* name = nullptr;
+    PyObject* value = nullptr;
+    PyDict_Next(conditions, &at, &name, &value);
+    return {Ref::borrow(name), Ref::borrow(value)};
+}
+
 Ref select_listed(PyObject* self, PyObject* table, PyObject* index, PyObject* value, PyObject* columns) {
     Ref results = new_list();
-    const Ref none_listed = new_list();
-    const Ref ids = get(index, value, none_listed);
+    const Ref ids = get(index, value, results);
+    if (ids == results) return results;
     for (const Ref& id : Iteration(ids)) {
         const Ref rows = get_field(table, names::rows);
         const Ref row = get_item(rows, id);
@@ -130,15 +140,19 @@ bool may_scan_in_place(const Query& query) {
 // Scans from `start` on, as far as that runs no host code: the position of the first row not dealt with, or the end.
 Py_ssize_t scan_in_place(const Query& query, PyObject* rows, Py_ssize_t start, Results& results) {
     if (!may_scan_in_place(query)) return start;
-    const std::optional<ScanColumns> columns = ScanColumns::of(query.table);
-    if (!columns) return start;
+    ScanColumns* columns = ScanColumns::of(query.table);
+    if (columns == nullptr) return start;
     const auto conditions = plain_conditions(query, *columns);
     if (!conditions) return start;
 
     const CollectorPaused paused;
-    RowShape shape = query.columns == Py_None ? RowShape(*columns) : RowShape(*columns, query.columns);
+    std::optional<RowShape> projection;
+    if (query.columns != Py_None) projection = columns->project(query.columns);
+    RowShape& shape = projection ? *projection : columns->shape();
+    const Py_ssize_t looked_at = conditions->empty() ? 0 : std::max<Py_ssize_t>(conditions->front().position, 0);
     Py_ssize_t i = start;
     for (; i < PyList_GET_SIZE(rows) && !results.full(); ++i) {
+        prefetch_rows(rows, i, looked_at);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
         if (is_deleted(row)) continue;
@@ -177,13 +191,10 @@ Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject*
     const Ref table = require_table(self, table_name);
     if (conditions != Py_None && PyDict_GET_SIZE(conditions) == 1) {
         settle_indexes(table);
-        const Ref items = Ref::steal(PyDict_Items(conditions));
-        const Ref only = get_item(items, Py_ssize_t{0});
-        const Ref name = get_item(only, Py_ssize_t{0});
-        const Ref value = get_item(only, Py_ssize_t{1});
+        const auto [name, value] = only_condition(conditions);
         const Ref indexes = get_field(table, names::indexes);
-        if (contains(indexes, name)) {
-            const Ref index = get_item(indexes, name);
+        const Ref index = item_if_key(indexes, name);
+        if (index) {
             return cut(select_listed(self, table, index, value, columns), limit);
         }
     }

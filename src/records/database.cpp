@@ -4,13 +4,13 @@
 namespace jdb {
 
 Ref require_table(PyObject* self, PyObject* table_name) {
-    const Ref known = tables_of(self);
-    if (!contains(known, table_name)) {
+    const Ref tables = tables_of(self);
+    Ref table = item_if_key(tables, table_name);
+    if (!table) {
         const Ref message = unknown_table_text(table_name);
         raise(PyExc_ValueError, "%U", static_cast<PyObject*>(message));
     }
-    const Ref tables = tables_of(self);
-    return get_item(tables, table_name);
+    return table;
 }
 
 Ref unknown_table_text(PyObject* table_name) {

@@ -1,12 +1,12 @@
 // The database object as its methods see it: its tables, and the message shared by all that look one up.
 #pragma once
 
-#include "host/object.h"
+#include "records/fields.h"
 
 namespace jdb {
 
 // self.tables, read anew each time: the host may assign another.
-inline Ref tables_of(PyObject* self) { return get_attribute(self, names::tables); }
+inline Ref tables_of(PyObject* self) { return get_field(self, names::tables); }
 
 // The table of that name; ValueError where there is none.
 Ref require_table(PyObject* self, PyObject* table_name);

@@ -55,7 +55,8 @@ std::vector<IndexedColumn> indexed_columns(PyObject* columns, PyObject* indexes)
     Py_ssize_t position = 0;
     for (const Ref& column : Iteration(columns)) {
         const Ref name = get_field(column, names::name);
-        if (contains(indexes, name)) indexed.push_back({position, get_item(indexes, name)});
+        Ref index = find_item(indexes, name);
+        if (index) indexed.push_back({position, std::move(index)});
         ++position;
     }
     return indexed;

@@ -5,7 +5,7 @@
 
 namespace jdb {
 
-bool is_deleted(PyObject* row) {
+bool holds_only_none(PyObject* row) {
     if (PyList_CheckExact(row)) {
         // No host code runs in here, so the row can't change.
         const Py_ssize_t size = PyList_GET_SIZE(row);
@@ -53,14 +53,6 @@ void require_in_place(PyObject* table, PyObject* row_id, PyObject* row) {
     const Ref rows = get_field(table, names::rows);
     const Ref current = get_item(rows, row_id);
     if (current != row) raise(PyExc_RuntimeError, "row %S was changed during an operation on it", row_id);
-}
-
-Py_ssize_t count_live(PyObject* rows) {
-    Py_ssize_t count = 0;
-    for (const Ref& row : Iteration(rows)) {
-        if (!is_deleted(row)) ++count;
-    }
-    return count;
 }
 
 }  // namespace jdb

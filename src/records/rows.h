@@ -5,8 +5,14 @@
 
 namespace jdb {
 
-// Whether every value of the row is None; so is an empty row's.
-bool is_deleted(PyObject* row);
+// Whether every value of the row is None, by asking each; so is an empty row's.
+bool holds_only_none(PyObject* row);
+
+// Whether the row counts as deleted. Most rows tell by their first value.
+inline bool is_deleted(PyObject* row) {
+    const bool first_tells = PyList_CheckExact(row) && PyList_GET_SIZE(row) > 0 && PyList_GET_ITEM(row, 0) != Py_None;
+    return !first_tells && holds_only_none(row);
+}
 
 // A new row of the values that a dictionary gives for the table's columns, in column order; KeyError when one is
 // missing.
@@ -21,8 +27,5 @@ bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position);
 // Raises RuntimeError when another row has come into this one's place: host code that an operation on the row ran has
 // worked on it as well, and going on would leave the indexes wrong.
 void require_in_place(PyObject* table, PyObject* row_id, PyObject* row);
-
-// How many rows are not deleted.
-Py_ssize_t count_live(PyObject* rows);
 
 }  // namespace jdb

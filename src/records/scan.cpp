@@ -1,8 +1,13 @@
 // Everything here works on objects of exactly known types, so that no host code runs between two looks at a row.
 #include "records/scan.h"
 
+#include <array>
+#include <memory>
+
+#include "host/collector.h"
 #include "host/module_state.h"
 #include "records/fields.h"
+#include "records/rows.h"
 
 namespace jdb {
 namespace {
@@ -44,34 +49,120 @@ bool shares_keys(PyObject* dict, const std::vector<RowShape::Entry>& entries) {
 
 // ---- Columns ----
 
-std::optional<ScanColumns> ScanColumns::of(PyObject* table) {
-    PyObject* columns = own_field(table, names::columns);
-    if (columns == nullptr || !PyList_CheckExact(columns)) return std::nullopt;
-    ScanColumns result;
-    result.names_.reserve(static_cast<std::size_t>(PyList_GET_SIZE(columns)));
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(columns); ++i) {
-        PyObject* name = own_field(PyList_GET_ITEM(columns, i), names::name);
-        if (name == nullptr || !PyUnicode_CheckExact(name)) return std::nullopt;
-        result.names_.push_back(Ref::borrow(name));
+namespace {
+
+// Each name once, where it first stands, with the position of its last column.
+std::vector<RowShape::Entry> all_columns(const std::vector<Ref>& names) {
+    std::vector<RowShape::Entry> entries;
+    const Ref seen = new_dict();
+    for (const Ref& name : names) {
+        const auto position = static_cast<Py_ssize_t>(&name - names.data());
+        const Ref earlier = find_item(seen, name);
+        if (earlier) {
+            entries[static_cast<std::size_t>(PyLong_AsSsize_t(earlier))].position = position;
+            continue;
+        }
+        const Ref place = integer(static_cast<Py_ssize_t>(entries.size()));
+        set_item(seen, name, place);
+        entries.push_back({name, position});
     }
-    return result;
+    return entries;
+}
+
+}  // namespace
+
+ScanColumns::ScanColumns(std::vector<Ref> names, std::vector<Stamp> stamps)
+    : names_(std::move(names)), stamps_(std::move(stamps)), shape_(all_columns(names_)) {}
+
+ScanColumns::Stamp ScanColumns::stamp_of(PyObject* record) {
+    PyTypeObject* type = Py_TYPE(record);
+    PyObject** dict = _PyObject_GetDictPtr(record);
+    if (dict == nullptr || *dict == nullptr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) return {};
+    return {reinterpret_cast<PyDictObject*>(*dict)->ma_version_tag, type->tp_version_tag};
+}
+
+bool ScanColumns::describes(PyObject* columns) const {
+    const auto count = static_cast<std::size_t>(PyList_GET_SIZE(columns));
+    if (count != stamps_.size()) return false;
+    for (std::size_t i = 0; i < count; ++i) {
+        const Stamp stamp = stamp_of(PyList_GET_ITEM(columns, static_cast<Py_ssize_t>(i)));
+        if (stamp.type == 0 || stamp != stamps_[i]) return false;
+    }
+    return true;
+}
+
+ScanColumns* ScanColumns::of(PyObject* table) {
+    // The columns met lately; they outlive the interpreter, as what they hold could not be given back after it.
+    static constexpr std::size_t kKept = 8;
+    static auto& kept = *new std::array<std::unique_ptr<ScanColumns>, kKept>();
+    static std::size_t oldest = 0;
+
+    PyObject* columns = own_field(table, names::columns);
+    if (columns == nullptr || !PyList_CheckExact(columns)) return nullptr;
+    for (const std::unique_ptr<ScanColumns>& known : kept) {
+        if (known && known->describes(columns)) return known.get();
+    }
+
+    std::vector<Ref> names;
+    std::vector<Stamp> stamps;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(columns); ++i) {
+        PyObject* column = PyList_GET_ITEM(columns, i);
+        PyObject* name = own_field(column, names::name);
+        if (name == nullptr || !PyUnicode_CheckExact(name)) return nullptr;
+        names.push_back(Ref::borrow(name));
+        stamps.push_back(stamp_of(column));
+    }
+    const CollectorPaused paused;
+    std::unique_ptr<ScanColumns>& place = kept.at(oldest);
+    place.reset(new ScanColumns(std::move(names), std::move(stamps)));
+    oldest = (oldest + 1) % kKept;
+    return place.get();
+}
+
+RowShape ScanColumns::project(PyObject* names) const {
+    std::vector<RowShape::Entry> entries;
+    const Ref seen = Ref::steal(PySet_New(nullptr));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names); ++i) {
+        const Ref name = Ref::borrow(PyList_GET_ITEM(names, i));
+        const Py_ssize_t position = last(name);
+        if (position < 0 || check(PySet_Contains(seen, name)) != 0) continue;
+        check(PySet_Add(seen, name));
+        entries.push_back({name, position});
+    }
+    return RowShape(std::move(entries));
 }
 
 Py_ssize_t ScanColumns::first(PyObject* name) const {
     for (Py_ssize_t i = 0; i < count(); ++i) {
-        if (same_text(this->name(i), name)) return i;
+        if (same_text(names_[static_cast<std::size_t>(i)], name)) return i;
     }
     return -1;
 }
 
 Py_ssize_t ScanColumns::last(PyObject* name) const {
     for (Py_ssize_t i = count(); i-- > 0;) {
-        if (same_text(this->name(i), name)) return i;
+        if (same_text(names_[static_cast<std::size_t>(i)], name)) return i;
     }
     return -1;
 }
 
 // ---- Values ----
+
+Py_ssize_t count_live(PyObject* rows) {
+    Py_ssize_t count = 0;
+    if (!PyList_CheckExact(rows)) {
+        for (const Ref& row : Iteration(rows)) count += is_deleted(row) ? 0 : 1;
+        return count;
+    }
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows); ++i) {
+        prefetch_rows(rows, i, 0);
+        PyObject* row = PyList_GET_ITEM(rows, i);
+        // Only a row that is no list is asked by host code, which may drop it.
+        const Ref held = PyList_CheckExact(row) ? Ref{} : Ref::borrow(row);
+        count += is_deleted(row) ? 0 : 1;
+    }
+    return count;
+}
 
 namespace {
 
@@ -83,48 +174,16 @@ bool is_plain(PyTypeObject* type) {
 
 }  // namespace
 
-Equality compare_plain(PyObject* stored, PyObject* wanted) {
-    PyTypeObject* stored_type = Py_TYPE(stored);
-    PyTypeObject* wanted_type = Py_TYPE(wanted);
-    if (stored_type == &PyUnicode_Type && wanted_type == &PyUnicode_Type) {
-        if (stored == wanted) return Equality::equal;
-        if (!PyUnicode_IS_READY(stored) || !PyUnicode_IS_READY(wanted)) return Equality::unknown;
-        if (PyUnicode_GET_LENGTH(stored) != PyUnicode_GET_LENGTH(wanted)) return Equality::unequal;
-        return PyUnicode_Compare(stored, wanted) == 0 ? Equality::equal : Equality::unequal;
-    }
-    if (!is_plain(stored_type) || !is_plain(wanted_type)) return Equality::unknown;
+Equality detail::compare_same_length(PyObject* stored, PyObject* wanted) {
+    return same_text(stored, wanted) ? Equality::equal : Equality::unequal;
+}
+
+Equality detail::compare_others(PyObject* stored, PyObject* wanted) {
+    if (!is_plain(Py_TYPE(stored)) || !is_plain(Py_TYPE(wanted))) return Equality::unknown;
     return equal(stored, wanted) ? Equality::equal : Equality::unequal;
 }
 
-Equality match_plain(PyObject* row, const std::vector<Condition>& conditions) {
-    for (const Condition& condition : conditions) {
-        if (condition.position == Condition::kNeverHolds) return Equality::unequal;
-        PyObject* stored = condition.position < 0 ? Py_None : PyList_GET_ITEM(row, condition.position);
-        const Equality result = compare_plain(stored, condition.value);
-        if (result != Equality::equal) return result;
-    }
-    return Equality::equal;
-}
-
 // ---- Dictionaries ----
-
-RowShape::RowShape(const ScanColumns& columns) {
-    for (Py_ssize_t i = 0; i < columns.count(); ++i) {
-        if (columns.first(columns.name(i)) != i) continue;
-        entries_.push_back({Ref::borrow(columns.name(i)), columns.last(columns.name(i))});
-    }
-}
-
-RowShape::RowShape(const ScanColumns& columns, PyObject* names) {
-    const Ref seen = Ref::steal(PySet_New(nullptr));
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names); ++i) {
-        const Ref name = Ref::borrow(PyList_GET_ITEM(names, i));
-        const Py_ssize_t position = columns.last(name);
-        if (position < 0 || check(PySet_Contains(seen, name)) != 0) continue;
-        check(PySet_Add(seen, name));
-        entries_.push_back({name, position});
-    }
-}
 
 // The host shares tables of keys between the instances of a class, so the template is the dictionary of one.
 void RowShape::make_template() {
@@ -146,6 +205,13 @@ Ref RowShape::make_dict(PyObject* row) {
     Ref dict = new_dict();
     for (const Entry& entry : entries_) set_item(dict, entry.key, PyList_GET_ITEM(row, entry.position));
     return dict;
+}
+
+Ref make_plain_dict(PyObject* table, PyObject* row) {
+    ScanColumns* columns = ScanColumns::of(table);
+    if (columns == nullptr || !is_wide_enough(row, columns->count())) return {};
+    const CollectorPaused paused;
+    return columns->shape().make_dict(row);
 }
 
 }  // namespace jdb

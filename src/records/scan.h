@@ -2,51 +2,12 @@
 // values where they lie and makes dictionaries only for rows that are returned.
 #pragma once
 
-#include <optional>
+#include <cstdint>
 #include <vector>
 
 #include "host/object.h"
 
 namespace jdb {
-
-// The names of a table's columns, known without running host code.
-class ScanColumns {
-public:
-    // Nothing where the columns are no list of plain records with string names.
-    static std::optional<ScanColumns> of(PyObject* table);
-
-    [[nodiscard]] Py_ssize_t count() const { return static_cast<Py_ssize_t>(names_.size()); }
-    [[nodiscard]] PyObject* name(Py_ssize_t position) const { return names_[static_cast<std::size_t>(position)]; }
-    // The positions of the first and of the last column of that name, exactly a string; -1 when there is none.
-    [[nodiscard]] Py_ssize_t first(PyObject* name) const;
-    [[nodiscard]] Py_ssize_t last(PyObject* name) const;
-
-private:
-    std::vector<Ref> names_;
-};
-
-// Whether the row is a list that holds a value for each of that many columns, which can then be read by position.
-inline bool is_wide_enough(PyObject* row, Py_ssize_t columns) {
-    return PyList_CheckExact(row) && PyList_GET_SIZE(row) >= columns;
-}
-
-enum class Equality : unsigned char { unequal, equal, unknown };
-
-// Whether `stored == wanted`, where both are exactly of built-in types whose comparison runs no host code; else
-// unknown. There is no short cut for identical objects: NaN differs from itself.
-Equality compare_plain(PyObject* stored, PyObject* wanted);
-
-// What a row is to hold in one column.
-struct Condition {
-    static constexpr Py_ssize_t kHoldsNone = -1;  // no such column: the row counts as holding None there
-    static constexpr Py_ssize_t kNeverHolds = -2;
-
-    Py_ssize_t position;
-    Ref value;
-};
-
-// Whether a row that is wide enough meets all conditions, looked at in order up to the first that it does not meet.
-Equality match_plain(PyObject* row, const std::vector<Condition>& conditions);
 
 // Makes dictionaries of one set of keys. Runs no host code while the collector is paused.
 class RowShape {
@@ -55,10 +16,7 @@ public:
         Ref key;  // exactly a string, unlike the others
         Py_ssize_t position;
     };
-    // All columns' names, each with the position of its last column.
-    explicit RowShape(const ScanColumns& columns);
-    // Those of the names, exact strings, that are columns: in the names' order, each once.
-    RowShape(const ScanColumns& columns, PyObject* names);
+    explicit RowShape(std::vector<Entry> entries) : entries_(std::move(entries)) {}
 
     // A new dictionary of the row's values; the row is wide enough.
     [[nodiscard]] Ref make_dict(PyObject* row);
@@ -70,5 +28,118 @@ private:
     Py_ssize_t made_ = 0;
     Ref template_;  // its table of keys is shared by its copies; empty while few were made or the host makes no such
 };
+
+// The names of a table's columns, known without running host code.
+class ScanColumns {
+public:
+    // Null where the columns are no list of plain records with string names. Borrowed, until host code runs.
+    static ScanColumns* of(PyObject* table);
+
+    [[nodiscard]] Py_ssize_t count() const { return static_cast<Py_ssize_t>(names_.size()); }
+    // The positions of the first and of the last column of that name, exactly a string; -1 when there is none.
+    [[nodiscard]] Py_ssize_t first(PyObject* name) const;
+    [[nodiscard]] Py_ssize_t last(PyObject* name) const;
+
+    // Rows as dictionaries of all columns, each with the value of the last column of its name.
+    [[nodiscard]] RowShape& shape() { return shape_; }
+    // Those of the names, a list of exact strings, that are columns: in the list's order, each once.
+    [[nodiscard]] RowShape project(PyObject* names) const;
+
+private:
+    // What changes as soon as a record's fields could have: the versions that the interpreter keeps of dictionaries
+    // and classes, no two of which are ever the same.
+    struct Stamp {
+        std::uint64_t fields = 0;
+        unsigned type = 0;  // 0 for a record that gives no stamp
+        bool operator==(const Stamp&) const = default;
+    };
+    static Stamp stamp_of(PyObject* record);
+
+    ScanColumns(std::vector<Ref> names, std::vector<Stamp> stamps);
+    [[nodiscard]] bool describes(PyObject* columns) const;
+
+    std::vector<Ref> names_;
+    std::vector<Stamp> stamps_;
+    RowShape shape_;
+};
+
+// Whether the row is a list that holds a value for each of that many columns, which can then be read by position.
+inline bool is_wide_enough(PyObject* row, Py_ssize_t columns) {
+    return PyList_CheckExact(row) && PyList_GET_SIZE(row) >= columns;
+}
+
+// How many of the rows do not count as deleted.
+Py_ssize_t count_live(PyObject* rows);
+
+// The row as a new dictionary of all columns; an empty Ref where making it could run host code or fail.
+Ref make_plain_dict(PyObject* table, PyObject* row);
+
+enum class Equality : unsigned char { unequal, equal, unknown };
+
+// Whether `stored == wanted`, where both are exactly of built-in types whose comparison runs no host code; else
+// unknown. There is no short cut for identical objects: NaN differs from itself.
+inline Equality compare_plain(PyObject* stored, PyObject* wanted);
+
+// What a row is to hold in one column.
+struct Condition {
+    static constexpr Py_ssize_t kHoldsNone = -1;  // no such column: the row counts as holding None there
+    static constexpr Py_ssize_t kNeverHolds = -2;
+
+    Py_ssize_t position;
+    Ref value;
+};
+
+// Whether a row that is wide enough meets all conditions, looked at in order up to the first that it does not meet.
+inline Equality match_plain(PyObject* row, const std::vector<Condition>& conditions) {
+    for (const Condition& condition : conditions) {
+        if (condition.position == Condition::kNeverHolds) return Equality::unequal;
+        PyObject* stored = condition.position < 0 ? Py_None : PyList_GET_ITEM(row, condition.position);
+        const Equality result = compare_plain(stored, condition.value);
+        if (result != Equality::equal) return result;
+    }
+    return Equality::equal;
+}
+
+// Asks the processor for the memory that the rows a little behind this one will need: a large table is walked at the
+// speed at which it arrives. The value at `position` is what the walk looks at. Always inline: a compiler that finds a
+// function without effects leaves its calls out.
+[[gnu::always_inline]] inline void prefetch_rows(PyObject* rows, Py_ssize_t at, Py_ssize_t position) {
+    constexpr Py_ssize_t kLists = 64;
+    constexpr Py_ssize_t kItems = 32;
+    constexpr Py_ssize_t kValues = 16;
+    if (at + kLists >= PyList_GET_SIZE(rows)) return;
+    __builtin_prefetch(PyList_GET_ITEM(rows, at + kLists));
+    PyObject* row = PyList_GET_ITEM(rows, at + kItems);
+    if (is_wide_enough(row, position + 1)) __builtin_prefetch(&PyList_GET_ITEM(row, position));
+    row = PyList_GET_ITEM(rows, at + kValues);
+    if (is_wide_enough(row, position + 1)) __builtin_prefetch(PyList_GET_ITEM(row, position));
+}
+
+// ---- Implementation ----
+
+namespace detail {
+
+Equality compare_same_length(PyObject* stored, PyObject* wanted);  // two texts
+Equality compare_others(PyObject* stored, PyObject* wanted);
+
+}  // namespace detail
+
+// The two kinds of values that most walks look for, and the reasons why most values are not the one, stand here to be
+// inlined into the walk.
+inline Equality compare_plain(PyObject* stored, PyObject* wanted) {
+    PyTypeObject* type = Py_TYPE(stored);
+    if (type != Py_TYPE(wanted)) return detail::compare_others(stored, wanted);
+    if (type == &PyUnicode_Type) {
+        if (!PyUnicode_IS_READY(stored) || !PyUnicode_IS_READY(wanted)) return Equality::unknown;
+        if (PyUnicode_GET_LENGTH(stored) != PyUnicode_GET_LENGTH(wanted)) return Equality::unequal;
+        return detail::compare_same_length(stored, wanted);
+    }
+    if (type == &PyLong_Type && (Py_SIZE(stored) != Py_SIZE(wanted))) return Equality::unequal;
+    if (type == &PyLong_Type && (Py_SIZE(stored) == 1 || Py_SIZE(stored) == -1)) {
+        const auto digit = [](PyObject* integer) { return reinterpret_cast<PyLongObject*>(integer)->ob_digit[0]; };
+        return digit(stored) == digit(wanted) ? Equality::equal : Equality::unequal;
+    }
+    return detail::compare_others(stored, wanted);
+}
 
 }  // namespace jdb

@@ -18,9 +18,8 @@ void each_slot(PyObject* table, PyObject* row, Use use) {
         ++position;
         const Ref name = get_field(column, names::name);
         const Ref indexes = get_field(table, names::indexes);
-        if (!contains(indexes, name)) continue;
-        Ref value = get_item(row, position);
-        use(IndexSlot(get_item(indexes, name), std::move(value)));
+        Ref index = item_if_key(indexes, name);
+        if (index) use(IndexSlot(std::move(index), get_item(row, position)));
     }
 }
 
@@ -65,7 +64,7 @@ IndexSlot::IndexSlot(Ref index, Ref value) : index_(std::move(index)), value_(st
 }
 
 Ref IndexSlot::ids() const {
-    if (!PyDict_CheckExact(index_)) return contains(index_, value_) ? get_item(index_, value_) : Ref{};
+    if (!PyDict_CheckExact(index_)) return item_if_key(index_, value_);
     PyObject* found = _PyDict_GetItem_KnownHash(index_, value_, hash_);
     if (found != nullptr) return Ref::borrow(found);
     if (PyErr_Occurred() != nullptr) throw PythonError{};

@@ -2,8 +2,6 @@
 // are written to, so that a refused row leaves no trace.
 #include "store/validate.h"
 
-#include <optional>
-
 #include "host/module_state.h"
 #include "records/fields.h"
 #include "records/rows.h"
@@ -91,12 +89,13 @@ void compare_row(const Candidate& candidate, PyObject* row) {
 // columns runs no host code.
 Py_ssize_t skip_different(const Candidate& candidate, PyObject* rows, Py_ssize_t start) {
     if (!has_original(candidate.self, names::row_to_dict) || !PyUnicode_CheckExact(candidate.column_name)) return start;
-    const std::optional<ScanColumns> columns = ScanColumns::of(candidate.table);
-    if (!columns) return start;
+    const ScanColumns* columns = ScanColumns::of(candidate.table);
+    if (columns == nullptr) return start;
     const Py_ssize_t position = columns->last(candidate.column_name);
     if (position < 0) return start;
     Py_ssize_t i = start;
     for (; i < PyList_GET_SIZE(rows); ++i) {
+        prefetch_rows(rows, i, position);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
         if (compare_plain(PyList_GET_ITEM(row, position), candidate.value) == Equality::unequal) continue;
