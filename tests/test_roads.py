@@ -153,10 +153,10 @@ class RoadsTest(DatabaseTest):
         for seed in range(400):
             r = random.Random(seed)
             values = r.choice([plain[:8], plain, odd])
-            names = r.choice([["a", "b", "c"]] * 4 + [["a", "b", "a"], [Text("a"), "b", "c"], ["a", 5, "c"], []])
+            names = r.choice([["a", "b", "c"], ["a", "b", "a"]] * 3 + [[Text("a"), "b", "c"], ["a", 5, "c"], []])
             table = module.Table("t", [Column(name, "any", False, r.random() < 0.4) for name in names])
             table.rows = [[r.choice(values) for _ in range(max(len(names), r.choice([0, 0, 0, 4])))]
-                          for _ in range(r.choice([5, 60]))]
+                          for _ in range(r.choice([2, 5, 60]))]
             if r.random() < 0.2:
                 del r.choice(table.rows)[1:]
             wanted = {name: r.choice(values) for name in r.sample(["a", "b", "c"], r.randint(0, 3))}
