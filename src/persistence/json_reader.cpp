@@ -2,7 +2,8 @@
 // that every list is made with its exact size. Giving up is an empty Ref all the way out.
 #include "persistence/json_reader.h"
 
-#include <array>
+#include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -21,17 +22,25 @@ constexpr int kSafeDepth = 100;
 // Texts met lately, so that keys and repeated short values are made once.
 class TextCache {
 public:
+    // Room in proportion to the document, within bounds.
+    explicit TextCache(std::size_t document_size)
+        : entries_(std::clamp(std::bit_ceil(document_size / kBytesPerText), kFewest, kMost)) {}
+
     Ref text(std::string_view ascii) {
         if (ascii.size() > kLongest) return make(ascii);
-        Ref& cached = texts_[slot(ascii)];
-        if (cached && holds(cached, ascii)) return cached;
-        cached = make(ascii);
-        return cached;
+        const std::uint64_t hash = hash_of(ascii);
+        Entry& entry = entries_[hash & (entries_.size() - 1)];
+        // The hash stands beside the text, so that another text is told apart without a look at far memory.
+        if (entry.text && entry.hash == hash && holds(entry.text, ascii)) return entry.text;
+        entry = {hash, make(ascii)};
+        return entry.text;
     }
 
 private:
-    static constexpr std::size_t kLongest = 16;
-    static constexpr std::size_t kSlots = 2048;
+    static constexpr std::size_t kLongest = 24;
+    static constexpr std::size_t kBytesPerText = 64;
+    static constexpr std::size_t kFewest = 64;
+    static constexpr std::size_t kMost = std::size_t{1} << 15U;
 
     static Ref make(std::string_view ascii) {
         Ref text = Ref::steal(PyUnicode_New(static_cast<Py_ssize_t>(ascii.size()), 127));
@@ -43,7 +52,7 @@ private:
         return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text)) == ascii.size() &&
                std::memcmp(PyUnicode_1BYTE_DATA(text), ascii.data(), ascii.size()) == 0;
     }
-    static std::size_t slot(std::string_view ascii) {
+    static std::uint64_t hash_of(std::string_view ascii) {
         std::uint64_t hash = ascii.size();
         std::size_t at = 0;
         while (at < ascii.size()) {
@@ -54,15 +63,19 @@ private:
             hash ^= hash >> 29U;
             at += count;
         }
-        return hash % kSlots;
+        return hash;
     }
 
-    std::vector<Ref> texts_ = std::vector<Ref>(kSlots);
+    struct Entry {
+        std::uint64_t hash = 0;
+        Ref text;
+    };
+    std::vector<Entry> entries_;  // their number is a power of two
 };
 
 class Reader {
 public:
-    explicit Reader(std::string_view text) : at_(text.data()), end_(text.data() + text.size()) {}
+    explicit Reader(std::string_view text) : at_(text.data()), end_(text.data() + text.size()), cache_(text.size()) {}
 
     Ref document() {
         Ref value = read_value(0);

@@ -74,20 +74,23 @@ bool reads_as_imported(PyObject* json, PyObject* open) {
     return load == module_state.json_load;
 }
 
-Ref read_natively(PyObject* bytes) {
+// The fast road: false when the reader gives up, and nothing has changed. The collector looks for garbage again
+// when the tables stand, not among their half-made parts.
+bool load_natively(PyObject* self, PyObject* bytes) {
     const CollectorPaused paused;
-    return read_json({PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))});
+    const Ref document = read_json({PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))});
+    if (document) replace_tables(self, document);
+    return static_cast<bool>(document);
 }
 
-// What json.load makes of the bytes, by whichever road.
-Ref parse(PyObject* json, PyObject* bytes) {
+void load_bytes(PyObject* self, PyObject* json, PyObject* bytes) {
     // A descriptor that does not wait gives None where there is nothing to read yet.
     if (!PyBytes_Check(bytes)) raise(PyExc_TypeError, "cannot read a database from '%.100s'", Py_TYPE(bytes)->tp_name);
-    Ref document = read_natively(bytes);
-    if (document) return document;
+    if (load_natively(self, bytes)) return;
     const Ref stream = call(module_state.bytes_io, {bytes});
     const Ref text = call(module_state.text_io_wrapper, {stream}, {{names::encoding, names::utf8}});
-    return call_method(json, names::load, {text});
+    const Ref document = call_method(json, names::load, {text});
+    replace_tables(self, document);
 }
 
 void read_file(PyObject* self) {
@@ -98,10 +101,7 @@ void read_file(PyObject* self) {
         Ref bytes;
         const Ref file = call(open, {filename, names::mode_read_bytes});
         with_file(file, [&](PyObject* entered) { bytes = call_method(entered, names::read); });
-        const Ref document = parse(json, bytes);
-        bytes = Ref{};
-        replace_tables(self, document);
-        return;
+        return load_bytes(self, json, bytes);
     }
     const Ref file = call(open, {filename, names::mode_read}, {{names::encoding, names::utf8}});
     with_file(file, [&](PyObject* entered) {
