@@ -9,9 +9,19 @@ set(run_environment
     ${sanitizer_environment}
 )
 
+# Preloaded into the processes that the tests under faults start.
+set(fault_environment "")
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    add_library(fault_library MODULE tests/fault_library.cpp)
+    target_link_libraries(fault_library PRIVATE ${CMAKE_DL_LIBS})
+    set_target_properties(fault_library PROPERTIES CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON)
+    json_database_warnings(fault_library)
+    set(fault_environment "JSON_DATABASE_FAULT_LIBRARY=$<TARGET_FILE:fault_library>")
+endif()
+
 function(json_database_tests pattern timeout label)
     file(GLOB files CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tests/${pattern}")
-    set(environment ${run_environment})
+    set(environment ${run_environment} ${fault_environment})
     list(TRANSFORM environment REPLACE "^(PYTHONPATH=.*)$" "\\1:${PROJECT_SOURCE_DIR}/tests")
     foreach(file IN LISTS files)
         cmake_path(GET file STEM name)

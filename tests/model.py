@@ -6,6 +6,7 @@ the module makes; only that one refuses what the module refuses.
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import re
@@ -58,49 +59,34 @@ def indexed_values(table, row):
             yield table.indexes[column.name], row[idx]
 
 
-def add_to_indexes(table, row_id, row):
-    """Lists the id under its values; when one of them can't be listed, none is."""
-    added = []
+@contextlib.contextmanager
+def taken_back_on_failure(table):
+    """Leaves the indexes as they were when the work on them fails, whatever their keys do when they are asked."""
+    indexes = table.indexes if isinstance(table.indexes, dict) else {}
+    before = {name: type(index)(index) for name, index in indexes.items() if isinstance(index, dict)}
+    lists = [(ids, list(ids)) for index in before.values() for ids in index.values() if type(ids) is list]
     try:
-        for column_index, value in indexed_values(table, row):
-            is_new = value not in column_index
-            if is_new:
-                column_index[value] = []
-            column_index[value].append(row_id)
-            added.append((column_index, value, is_new))
+        yield
     except BaseException:
-        for column_index, value, is_new in reversed(added):
-            column_index[value].pop()
-            if is_new:
-                del column_index[value]
+        for ids, items in lists:
+            ids[:] = items
+        indexes.update(before)
         raise
+
+
+def add_to_indexes(table, row_id, row):
+    for column_index, value in indexed_values(table, row):
+        if value not in column_index:
+            column_index[value] = []
+        column_index[value].append(row_id)
 
 
 def withdraw_from_indexes(table, row_id, row):
-    """Takes the id out of its values' lists, or leaves all as it was; returns what `put_back` needs."""
-    withdrawn = []
-    try:
-        for column_index, value in indexed_values(table, row):
-            if value in column_index and row_id in column_index[value]:
-                position = column_index[value].index(row_id)
-                column_index[value].remove(row_id)
-                withdrawn.append((column_index, value, position))
-                if not column_index[value]:
-                    del column_index[value]
-    except BaseException:
-        put_back(row_id, withdrawn)
-        raise
-    return withdrawn
-
-
-def put_back(row_id, withdrawn):
-    for column_index, value, position in reversed(withdrawn):
-        try:
-            if value not in column_index:
-                column_index[value] = []
-            column_index[value].insert(position, row_id)
-        except Exception:  # the failure that led here is the one to report
-            continue
+    for column_index, value in indexed_values(table, row):
+        if value in column_index and row_id in column_index[value]:
+            column_index[value].remove(row_id)
+            if not column_index[value]:
+                del column_index[value]
 
 
 def settle_indexes(table):
@@ -113,12 +99,13 @@ def settle_indexes(table):
         for column in table.columns:
             if column.unique or (isinstance(as_read, dict) and column.name in as_read):
                 rebuilt[column.name] = {}
-        for row_id, row in enumerate(table.rows) if rebuilt else ():
+        indexed = [(idx, rebuilt[column.name]) for idx, column in enumerate(table.columns) if column.name in rebuilt]
+        for row_id, row in enumerate(table.rows) if indexed else ():
             if not isinstance(row, list) or is_deleted(row):
                 continue
-            for idx, column in enumerate(table.columns):
-                if column.name in rebuilt and idx < len(row) and is_hashable(row[idx]):
-                    rebuilt[column.name].setdefault(row[idx], []).append(row_id)
+            for idx, column_index in indexed:
+                if idx < len(row) and is_hashable(row[idx]):
+                    column_index.setdefault(row[idx], []).append(row_id)
         table.indexes = rebuilt
     del table.__dict__[AS_READ]
 
@@ -161,7 +148,8 @@ class JSONDatatable:
         row_id = len(table.rows)
         table.rows.append(row_data)
         try:
-            add_to_indexes(table, row_id, row_data)
+            with taken_back_on_failure(table):
+                add_to_indexes(table, row_id, row_data)
         except BaseException:
             table.rows.pop()
             raise
@@ -174,15 +162,16 @@ class JSONDatatable:
             raise IndexError(f"Row index {row_id} out of range")
         settle_indexes(table)
         old_row = table.rows[row_id]
-        withdrawn = withdraw_from_indexes(table, row_id, old_row)
         try:
-            validated_data = self._validate_row(table, new_data, update=True)
-            new_row = [validated_data[column.name] for column in table.columns]
-            table.rows[row_id] = new_row
-            add_to_indexes(table, row_id, new_row)
+            with taken_back_on_failure(table):
+                withdraw_from_indexes(table, row_id, old_row)
+                validated_data = self._validate_row(table, new_data, update=True)
+                new_row = [validated_data[column.name] for column in table.columns]
+                table.rows[row_id] = new_row
+                add_to_indexes(table, row_id, new_row)
         except BaseException:
-            table.rows[row_id] = old_row
-            put_back(row_id, withdrawn)
+            if table.rows[row_id] is not old_row:
+                table.rows[row_id] = old_row
             raise
         self.save()
         return True
@@ -191,7 +180,8 @@ class JSONDatatable:
         table = existing_table(self, table_name)
         settle_indexes(table)
         for i in range(len(table.rows)):
-            withdraw_from_indexes(table, i, table.rows[i])
+            with taken_back_on_failure(table):
+                withdraw_from_indexes(table, i, table.rows[i])
             table.rows[i] = [None] * len(table.columns)
         self.save()
         return True
@@ -201,7 +191,8 @@ class JSONDatatable:
         if row_id < 0 or row_id >= len(table.rows):
             raise IndexError("Row index out of range")
         settle_indexes(table)
-        withdraw_from_indexes(table, row_id, table.rows[row_id])
+        with taken_back_on_failure(table):
+            withdraw_from_indexes(table, row_id, table.rows[row_id])
         table.rows[row_id] = [None] * len(table.columns)
         self.save()
         return True
@@ -239,7 +230,7 @@ class JSONDatatable:
             raise ValueError("Row has been deleted")
         row_dict = self._row_to_dict(table, row)
         if row_dict is not None and not isinstance(row_dict, dict):
-            raise TypeError(f"Expected dict, got {type_name(type(row_dict)):.200}")
+            raise TypeError(f"Expected dict, got {type(row_dict).__name__:.200}")
         return row_dict
 
     def _build_indexes(self, table_name: str):
@@ -289,7 +280,8 @@ class JSONDatatable:
                     value = datetime.strptime(value, "%Y-%m-%d").date()
             except (ValueError, TypeError):
                 raise ValueError(f"Invalid {column.data_type} value for column '{col_name}'")
-            if column.validation_pattern and isinstance(value, str) and not re.match(column.validation_pattern, value):
+            pattern = column.validation_pattern
+            if pattern and isinstance(value, str) and not re.match(pattern, value):
                 raise ValueError(f"Value for column '{col_name}' doesn't match validation pattern")
             validated[col_name] = value
             if column.unique:
@@ -333,8 +325,8 @@ class JSONDatatable:
             columns = []
             for column in table.columns:
                 columns.append({
-                    "name": column.name, "data_type": column.data_type, "required": column.required, "unique": column.unique,
-                    "default": column.default, "validation_pattern": column.validation_pattern})
+                    "name": column.name, "data_type": column.data_type, "required": column.required,
+                    "unique": column.unique, "default": column.default, "validation_pattern": column.validation_pattern})
             rows = [row for row in table.rows if not is_deleted(row)]
             indexes = with_json_keys(table.indexes)
             tables[table_name] = {"name": name, "columns": columns, "rows": rows, "indexes": indexes}
@@ -392,16 +384,10 @@ class JSONDatatable:
 BUILT_IN = {"str": str, "int": int, "Dict": dict, "List": list}
 
 
-def type_name(kind):
-    """The name as the interpreter's own messages have it: types compiled into a module carry the module's."""
-    is_compiled = not kind.__flags__ & 1 << 9
-    return f"{kind.__module__}.{kind.__name__}" if is_compiled and kind.__module__ != "builtins" else kind.__name__
-
-
 def wrong_type(parameter, expected, value):
     note = ". Subclasses of built-in types are refused" if isinstance(value, expected) else ""
     return TypeError(f"Argument '{parameter}' has incorrect type "
-                     f"(expected {expected.__name__}, got {type_name(type(value)):.200}){note}")
+                     f"(expected {expected.__name__}, got {type(value).__name__:.200}){note}")
 
 
 def bind(name, parameters, defaults, args, kwargs):

@@ -1,6 +1,6 @@
 """The long run of test_model. By hand: `python slow_model.py 5000 6000` runs the seeds 5000 to 5999."""
 
-import multiprocessing
+import concurrent.futures
 import sys
 import unittest
 
@@ -10,8 +10,8 @@ import test_model
 def run(first, last):
     """The reports of these seeds, which all processors share."""
     shares = [range(start, min(start + 10, last)) for start in range(first, last, 10)]
-    with multiprocessing.Pool() as pool:
-        for texts in pool.imap_unordered(test_model.reports, shares):
+    with concurrent.futures.ProcessPoolExecutor() as pool:
+        for texts in pool.map(test_model.reports, shares):
             yield from texts
 
 

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "host/call_gate.h"
 #include "host/python.h"
 #include "host/ref.h"
 
@@ -69,6 +70,7 @@ struct Entry<body> {
 
     static PyObject* call(PyObject* function, PyObject* const* arguments, std::size_t flagged_count,
                           PyObject* keyword_names) noexcept {
+        const CallGate gate;
         return guarded(
             [&]() -> PyObject* {
                 const RecursionGuard guard;

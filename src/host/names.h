@@ -84,6 +84,7 @@ inline constinit Name loads{"loads"};
 inline constinit Name match{"match"};
 inline constinit Name path{"path"};
 inline constinit Name read{"read"};
+inline constinit Name register_{"register"};
 inline constinit Name remove{"remove"};
 inline constinit Name strptime{"strptime"};
 inline constinit Name write{"write"};

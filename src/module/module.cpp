@@ -1,6 +1,7 @@
 // The extension module: creation, the checks of an import, and the names that it binds, in their order. The module
 // belongs to the interpreter that first created it; an import that fails leaves nothing behind, so that the
 // next one starts afresh.
+#include "host/call_gate.h"
 #include "host/module_state.h"
 #include "module/methods.h"
 #include "persistence/json_text.h"
@@ -114,6 +115,7 @@ void bind_names() {
     bind("Table", table_class);
     const Ref database_class = make_class("JSONDatatable", methods(), module_state.globals);
     note_originals(database_class);
+    close_gate_at_exit();
     bind("JSONDatatable", database_class);
 }
 

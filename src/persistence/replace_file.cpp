@@ -85,9 +85,32 @@ std::string follow_links(std::string path, struct stat& status, PyObject* name) 
     raise_os_error(ELOOP, name);
 }
 
-std::string random_name() {
+// Finds the regular file, or the place for a new one, that the path leads to; false when it leads to something else.
+bool find_file(const std::string& path, ReplaceTarget& target) {
+    // A link may lead where no path does, as those in /proc to open files. Another process that is replacing the file
+    // right now makes it look so for a moment, but not many times in a row.
+    for (int tries = 0; tries < kMostNames; ++tries) {
+        struct stat opened {};
+        const Outcome found = run([&] { return stat(path.c_str(), &opened); });
+        if (found.error != 0 && found.error != ENOENT) raise_os_error(found.error, target.name);
+        target.exists = found.error == 0;
+        if (target.exists && !S_ISREG(opened.st_mode)) return false;
+
+        struct stat last {};
+        const std::string end = follow_links(path, last, target.name);
+        if (end.ends_with('/')) return false;
+        target.directory = directory_of(end);
+        target.file = end.substr(target.directory.size());
+        const bool same = target.exists && last.st_dev == opened.st_dev && last.st_ino == opened.st_ino;
+        if (same || !target.exists || end == path) return true;
+    }
+    return false;
+}
+
+std::string random_name(PyObject* target_name) {
     std::array<unsigned char, 8> bytes{};
-    if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return {};
+    const Outcome drawn = run([&] { return getrandom(bytes.data(), bytes.size(), 0); });
+    if (drawn.error != 0) raise_os_error(drawn.error, target_name);
     std::string name = ".json_database-";
     for (const unsigned char byte : bytes) {
         constexpr std::string_view digits = "0123456789abcdef";
@@ -110,19 +133,7 @@ std::optional<ReplaceTarget> find_replace_target(PyObject* filename) {
 
     if (path.ends_with('/')) return std::nullopt;  // a directory's, if any; `open` knows the error
 
-    struct stat opened {};
-    const Outcome found = run([&] { return stat(path.c_str(), &opened); });
-    if (found.error != 0 && found.error != ENOENT) raise_os_error(found.error, target.name);
-    target.exists = found.error == 0;
-    if (target.exists && !S_ISREG(opened.st_mode)) return std::nullopt;
-
-    struct stat last {};
-    path = follow_links(path, last, target.name);
-    target.directory = directory_of(path);
-    target.file = path.substr(target.directory.size());
-    // A link may lead where no path does, as those in /proc to open files.
-    const bool reached = !target.exists || (last.st_dev == opened.st_dev && last.st_ino == opened.st_ino);
-    if (!reached || path.ends_with('/')) return std::nullopt;
+    if (!find_file(path, target)) return std::nullopt;
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
     check(PySys_Audit("open", "Osi", static_cast<PyObject*>(target.name), "w", flags));
     return target;
@@ -131,17 +142,22 @@ std::optional<ReplaceTarget> find_replace_target(PyObject* filename) {
 int Descriptor::close() noexcept {
     if (number_ < 0) return 0;
     // An interrupted close has closed all the same.
+    const LockReleased released;
     const int status = ::close(std::exchange(number_, -1));
     return status == 0 || errno == EINTR ? 0 : errno;
 }
 
-FileReplacement::FileReplacement(ReplaceTarget target) : target_(std::move(target)) {
+// By way of the other constructor the object is complete from here on: what fails is cleaned up by the destructor.
+FileReplacement::FileReplacement(ReplaceTarget target) : FileReplacement() {
+    target_ = std::move(target);
     open_directory();
     create();
 }
 
 FileReplacement::~FileReplacement() {
-    if (!new_name_.empty()) unlinkat(directory_.number(), new_name_.c_str(), 0);
+    if (new_name_.empty()) return;
+    const LockReleased released;
+    unlinkat(directory_.number(), new_name_.c_str(), 0);
 }
 
 void FileReplacement::open_directory() {
@@ -165,14 +181,14 @@ void FileReplacement::create() {
         // A file that may not be written stays as it is, even where the directory would allow a rename over it.
         const Outcome opened =
             run([&] { return openat(directory_.number(), target_.file.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC); });
-        if (opened.error != 0) raise_os_error(opened.error, target_.name);
+        target_.exists = opened.error != ENOENT;  // gone by now: the new file is a first one again
+        if (target_.exists && opened.error != 0) raise_os_error(opened.error, target_.name);
         old_file = Descriptor(static_cast<int>(opened.result));
     }
     // Closed to others until it has the old file's mode; a first file gets what the process gives new files.
     const mode_t mode = target_.exists ? S_IRUSR | S_IWUSR : S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
     for (int tries = 0; new_name_.empty(); ++tries) {
-        const std::string name = random_name();
-        if (name.empty()) raise_os_error(errno, target_.name);
+        std::string name = random_name(target_.name);
         const Outcome created = run([&] {
             return openat(directory_.number(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                           mode);
@@ -180,7 +196,7 @@ void FileReplacement::create() {
         if (created.error == EEXIST && tries < kMostNames) continue;
         if (created.error != 0) raise_os_error(created.error, target_.name);
         new_file_ = Descriptor(static_cast<int>(created.result));
-        new_name_ = name;
+        new_name_ = std::move(name);
     }
     if (target_.exists) take_over_mode_and_owner(old_file.number());
 }

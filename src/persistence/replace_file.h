@@ -14,7 +14,7 @@ struct ReplaceTarget {
     Ref name;               // the path as the host gave it; errors show it
     std::string directory;  // where the file lies and the new one is made
     std::string file;       // its name in there
-    bool exists;
+    bool exists = false;
 };
 
 // What `filename` leads to. Nothing when it leads to what can't be replaced, only opened: a device, a pipe, a
@@ -36,7 +36,7 @@ public:
     Descriptor& operator=(const Descriptor&) = delete;
 
     [[nodiscard]] int number() const noexcept { return number_; }
-    // 0, or the error number.
+    // Lets other threads run meanwhile. 0, or the error number.
     int close() noexcept;
 
 private:
@@ -58,6 +58,7 @@ public:
     void commit();
 
 private:
+    FileReplacement() = default;
     void open_directory();
     void create();
     void take_over_mode_and_owner(int old_file);

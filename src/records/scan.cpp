@@ -164,22 +164,19 @@ Py_ssize_t count_live(PyObject* rows) {
     return count;
 }
 
-namespace {
-
 // Bytes are none of these: to compare them with text may make the host warn, which runs host code.
-bool is_plain(PyTypeObject* type) {
+bool has_plain_type(PyObject* object) {
+    PyTypeObject* type = Py_TYPE(object);
     return type == &PyUnicode_Type || type == &PyLong_Type || type == &PyFloat_Type || type == &PyBool_Type ||
-           type == Py_TYPE(Py_None) || reinterpret_cast<PyObject*>(type) == module_state.date_type;
+           object == Py_None || reinterpret_cast<PyObject*>(type) == module_state.date_type;
 }
-
-}  // namespace
 
 Equality detail::compare_same_length(PyObject* stored, PyObject* wanted) {
     return same_text(stored, wanted) ? Equality::equal : Equality::unequal;
 }
 
 Equality detail::compare_others(PyObject* stored, PyObject* wanted) {
-    if (!is_plain(Py_TYPE(stored)) || !is_plain(Py_TYPE(wanted))) return Equality::unknown;
+    if (!has_plain_type(stored) || !has_plain_type(wanted)) return Equality::unknown;
     return equal(stored, wanted) ? Equality::equal : Equality::unequal;
 }
 

@@ -74,6 +74,10 @@ Py_ssize_t count_live(PyObject* rows);
 // The row as a new dictionary of all columns; an empty Ref where making it could run host code or fail.
 Ref make_plain_dict(PyObject* table, PyObject* row);
 
+// Whether the object is exactly of a built-in type whose hashing and comparison with others of such types run no host
+// code.
+bool has_plain_type(PyObject* object);
+
 enum class Equality : unsigned char { unequal, equal, unknown };
 
 // Whether `stored == wanted`, where both are exactly of built-in types whose comparison runs no host code; else

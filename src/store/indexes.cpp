@@ -1,10 +1,13 @@
 // Index addition and withdrawal, and their way back. Entries are noted before a change that could fail, so that
-// whatever happened by then is undone. Lists give up and take back their last items without asking for memory.
+// whatever happened by then is undone. Lists and dictionaries have room for what may have to return, and an index whose
+// key is of the host's own making is remembered as it was.
 #include "store/indexes.h"
 
 #include <algorithm>
 
+#include "host/containers.h"
 #include "records/fields.h"
+#include "records/scan.h"
 
 namespace jdb::store {
 namespace {
@@ -18,8 +21,7 @@ void each_slot(PyObject* table, PyObject* row, Use use) {
         ++position;
         const Ref name = get_field(column, names::name);
         const Ref indexes = get_field(table, names::indexes);
-        Ref index = item_if_key(indexes, name);
-        if (index) use(IndexSlot(std::move(index), get_item(row, position)));
+        if (contains(indexes, name)) use(IndexSlot(indexes, name, get_item(row, position)));
     }
 }
 
@@ -33,58 +35,85 @@ Py_ssize_t find_id(PyObject* ids, PyObject* row_id) {
     return -1;
 }
 
-// Takes an item out of a list that keeps its room, which is what makes putting it back safe.
-void remove_at(PyObject* list, Py_ssize_t position) {
-    const Ref removed = Ref::borrow(PyList_GET_ITEM(list, position));
-    const Py_ssize_t last = PyList_GET_SIZE(list) - 1;
-    for (Py_ssize_t i = position; i < last; ++i) PyList_SET_ITEM(list, i, PyList_GET_ITEM(list, i + 1));
-    Py_SET_SIZE(reinterpret_cast<PyVarObject*>(list), last);
-    Py_DECREF(removed);
-}
-
-void insert_at(PyObject* list, Py_ssize_t position, PyObject* item) {
-    const Py_ssize_t size = PyList_GET_SIZE(list);
-    if (reinterpret_cast<PyListObject*>(list)->allocated == size) {
-        check(PyList_Insert(list, position, item));
-        return;
-    }
-    Py_SET_SIZE(reinterpret_cast<PyVarObject*>(list), size + 1);
-    for (Py_ssize_t i = size; i > position; --i) PyList_SET_ITEM(list, i, PyList_GET_ITEM(list, i - 1));
-    PyList_SET_ITEM(list, position, Ref::borrow(item).release());
-}
-
 }  // namespace
 
 // ---- One value's place ----
 
-IndexSlot::IndexSlot(Ref index, Ref value) : index_(std::move(index)), value_(std::move(value)) {
-    if (!PyDict_CheckExact(index_)) return;
+IndexSlot::IndexSlot(Ref indexes, Ref name, Ref value)
+    : indexes_(std::move(indexes)), name_(std::move(name)), value_(std::move(value)) {
+    const Ref index = this->index();
+    if (!PyDict_CheckExact(index)) return;
     hash_ = PyObject_Hash(value_);
     if (hash_ == -1) throw PythonError{};
 }
 
+Ref IndexSlot::index() const { return get_item(indexes_, name_); }
+
 Ref IndexSlot::ids() const {
-    if (!PyDict_CheckExact(index_)) return item_if_key(index_, value_);
-    PyObject* found = _PyDict_GetItem_KnownHash(index_, value_, hash_);
+    const Ref index = this->index();
+    if (!PyDict_CheckExact(index)) return item_if_key(index, value_);
+    PyObject* found = _PyDict_GetItem_KnownHash(index, value_, hash_);
     if (found != nullptr) return Ref::borrow(found);
     if (PyErr_Occurred() != nullptr) throw PythonError{};
     return {};
 }
 
 void IndexSlot::enter(PyObject* ids) const {
-    if (PyDict_CheckExact(index_)) {
-        check(_PyDict_SetItem_KnownHash(index_, value_, ids, hash_));
+    const Ref index = this->index();
+    if (PyDict_CheckExact(index)) {
+        check(_PyDict_SetItem_KnownHash(index, value_, ids, hash_));
     } else {
-        set_item(index_, value_, ids);
+        set_item(index, value_, ids);
     }
 }
 
 void IndexSlot::drop() const {
-    if (PyDict_CheckExact(index_)) {
-        check(_PyDict_DelItem_KnownHash(index_, value_, hash_));
+    const Ref index = this->index();
+    if (PyDict_CheckExact(index)) {
+        check(_PyDict_DelItem_KnownHash(index, value_, hash_));
     } else {
-        check(PyObject_DelItem(index_, value_));
+        check(PyObject_DelItem(index, value_));
     }
+}
+
+// The value itself, or a key of the same hash that it is compared with, may be of the host's own making.
+bool IndexSlot::may_ask_host(PyObject* index) const {
+    if (!has_plain_type(value_)) return true;
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* ids = nullptr;
+    Py_hash_t hash = 0;
+    while (_PyDict_Next(index, &position, &key, &ids, &hash) != 0) {
+        if (hash == hash_ && !has_plain_type(key)) return true;
+    }
+    return false;
+}
+
+// The change is made to a copy in the index's place, so that taking back only has to put the old one there again.
+void IndexSlot::before_change() {
+    Ref index = this->index();
+    if (!PyDict_CheckExact(index) || !may_ask_host(index)) return;
+    const Ref copy = Ref::steal(PyDict_Copy(index));
+    set_item(indexes_, name_, copy);
+    changed_version_ = dict_version(copy);
+    before_ = std::move(index);
+}
+
+void IndexSlot::after_change() {
+    const Ref index = this->index();
+    if (PyDict_CheckExact(index)) changed_version_ = dict_version(index);
+}
+
+bool IndexSlot::take_back() const {
+    const Ref index = this->index();
+    if (!before_ || !PyDict_CheckExact(index) || dict_version(index) != changed_version_) return false;
+    set_item(indexes_, name_, before_);
+    return true;
+}
+
+void IndexSlot::make_room(Py_ssize_t keys) const {
+    const Ref index = this->index();
+    if (PyDict_CheckExact(index)) dict_make_room(index, keys);
 }
 
 // ---- Addition ----
@@ -95,7 +124,12 @@ void IndexAddition::add(PyObject* table, PyObject* row) {
         const bool new_key = !ids;
         if (new_key) ids = new_list();
         entries_.push_back({std::move(slot), ids, new_key});
-        if (new_key) entries_.back().slot.enter(ids);
+        if (new_key) {
+            IndexSlot& noted = entries_.back().slot;
+            noted.before_change();
+            noted.enter(ids);
+            noted.after_change();
+        }
         append(ids, row_id_);
     });
 }
@@ -106,13 +140,13 @@ void IndexAddition::take_back(const Entry& entry) const {
         // The last of this very object: an equal id that was there before is not ours.
         for (Py_ssize_t i = PyList_GET_SIZE(ids); i-- > 0;) {
             if (PyList_GET_ITEM(ids, i) != row_id_) continue;
-            remove_at(ids, i);
+            list_remove_at(ids, i);
             break;
         }
     } else if (contains(ids, row_id_)) {
         call_method(ids, names::remove, {row_id_});
     }
-    if (!entry.new_key || length(ids) != 0) return;
+    if (!entry.new_key || length(ids) != 0 || entry.slot.take_back()) return;
     const Ref current = entry.slot.ids();
     if (current == entry.ids) entry.slot.drop();
 }
@@ -129,41 +163,60 @@ IndexAddition::~IndexAddition() {
 
 // ---- Withdrawal ----
 
+// All that may fail or run host code for long is done before the first list changes.
 void IndexWithdrawal::withdraw() {
+    std::vector<Entry> found;
     each_slot(table_, row_, [&](IndexSlot slot) {
-        const Ref ids = slot.ids();
-        if (!ids) return;
-        const Py_ssize_t position = find_id(ids, row_id_);
-        if (position < 0) return;
-        entries_.reserve(entries_.size() + 1);
-        if (!PyList_CheckExact(ids)) {
-            call_method(ids, names::remove, {row_id_});
-        } else if (position < PyList_GET_SIZE(static_cast<PyObject*>(ids))) {
-            remove_at(ids, position);
-        }
-        entries_.push_back({std::move(slot), ids, position});
-        if (length(ids) == 0) entries_.back().slot.drop();
+        Ref ids = slot.ids();
+        if (ids && find_id(ids, row_id_) >= 0) found.push_back({std::move(slot), std::move(ids), 0, false});
     });
+    // Each key dropped may come back, and as many new ones may have come before that.
+    for (const Entry& entry : found) entry.slot.make_room(2 * static_cast<Py_ssize_t>(found.size()));
+    entries_.reserve(found.size());
+    for (Entry& entry : found) take_out(entry);
+}
+
+void IndexWithdrawal::take_out(Entry& entry) {
+    entry.position = find_id(entry.ids, row_id_);
+    if (entry.position < 0) return;
+    PyObject* ids = entry.ids;
+    if (!PyList_CheckExact(ids)) {
+        call_method(ids, names::remove, {row_id_});
+    } else if (entry.position < PyList_GET_SIZE(ids)) {
+        list_remove_at(ids, entry.position);
+    }
+    entries_.push_back(std::move(entry));
+    Entry& noted = entries_.back();
+    if (length(noted.ids) != 0) return;
+    noted.slot.before_change();
+    noted.slot.drop();
+    noted.slot.after_change();
+    noted.dropped = true;
 }
 
 bool IndexWithdrawal::row_is_still_there() const {
-    const Ref rows = get_attribute(table_, names::rows);
+    const Ref rows = get_field(table_, names::rows);
     const Ref current = get_item(rows, row_id_);
     return current == row_;
 }
 
 void IndexWithdrawal::take_back(const Entry& entry) const {
-    Ref ids = entry.slot.ids();
-    const bool dropped = !ids;
-    if (dropped) ids = entry.ids;
+    Ref ids = entry.ids;
+    if (entry.dropped && !entry.slot.take_back()) {
+        const Ref current = entry.slot.ids();
+        if (current) {
+            ids = current;
+        } else {
+            entry.slot.enter(ids);
+        }
+    }
     if (PyList_CheckExact(ids)) {
         PyObject* list = ids;
-        insert_at(list, std::min(entry.position, PyList_GET_SIZE(list)), row_id_);
+        list_insert_at(list, std::min(entry.position, PyList_GET_SIZE(list)), row_id_);
     } else {
         const Ref position = integer(entry.position);
         call_method(ids, names::insert, {position, row_id_});
     }
-    if (dropped) entry.slot.enter(ids);
 }
 
 IndexWithdrawal::~IndexWithdrawal() {

@@ -2,26 +2,46 @@
 // of scope, unless it is told to keep it; taking back asks no host object anything that it was not asked before.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "host/object.h"
 
 namespace jdb::store {
 
-// One value's place in one column index: dictionary, value, and the hash that it showed when it was first asked.
+// One value's place in one column index, and the way back from a change there.
 class IndexSlot {
 public:
-    IndexSlot(Ref index, Ref value);
+    IndexSlot(Ref indexes, Ref name, Ref value);
 
     // The list of row ids under the value, an empty Ref when the value is no key.
     [[nodiscard]] Ref ids() const;
     void enter(PyObject* ids) const;
     void drop() const;
 
+    // Around a change that may have to be taken back: makes sure that it can be, whatever the value does then, and
+    // notes what it left.
+    void before_change();
+    void after_change();
+    // Takes the change back without asking the value. False when it did not have to be guarded against or somebody else
+    // has changed the index since: then there is only the way through the value.
+    [[nodiscard]] bool take_back() const;
+
+    // Makes sure that so many keys can come without asking for memory.
+    void make_room(Py_ssize_t keys) const;
+
 private:
-    Ref index_;
+    [[nodiscard]] Ref index() const;
+    [[nodiscard]] bool may_ask_host(PyObject* index) const;
+
+    Ref indexes_;
+    Ref name_;
     Ref value_;
-    Py_hash_t hash_ = 0;
+    Py_hash_t hash_ = 0;  // as the value showed it when it was first asked
+    // Where a comparison by host code may fail on the way back: the index as it was, and what tells whether others have
+    // changed its successor since.
+    Ref before_;
+    std::uint64_t changed_version_ = 0;
 };
 
 // Lists a row id under each of its row's values.
@@ -65,7 +85,9 @@ private:
         IndexSlot slot;
         Ref ids;
         Py_ssize_t position;
+        bool dropped;
     };
+    void take_out(Entry& entry);
     void take_back(const Entry& entry) const;
     [[nodiscard]] bool row_is_still_there() const;
 

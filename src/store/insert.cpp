@@ -2,6 +2,7 @@
 // be taken back, and then leaves neither entry nor id behind.
 #include "store/insert.h"
 
+#include "host/containers.h"
 #include "records/database.h"
 #include "records/loaded_indexes.h"
 #include "records/rows.h"
@@ -13,10 +14,7 @@ namespace {
 // A row at the end of a table's rows, taken off again unless it is kept.
 class AppendedRow {
 public:
-    AppendedRow(PyObject* rows, PyObject* row) : rows_(Ref::borrow(rows)), row_(Ref::borrow(row)) {
-        append(rows, row);
-        appended_ = true;
-    }
+    AppendedRow(PyObject* rows, PyObject* row) : rows_(Ref::borrow(rows)), row_(Ref::borrow(row)) {}
     ~AppendedRow() {
         if (!appended_) return;
         const SavedError error;
@@ -25,6 +23,10 @@ public:
     AppendedRow(const AppendedRow&) = delete;
     AppendedRow& operator=(const AppendedRow&) = delete;
 
+    void put() {
+        appended_ = true;
+        append(rows_, row_);
+    }
     void keep() noexcept { appended_ = false; }
 
 private:
@@ -34,11 +36,13 @@ private:
         for (Py_ssize_t position = last; position >= 0; --position) {
             const Ref row = get_item(rows_, position);
             if (row != row_) continue;
-            if (position == last) {
-                check(PySequence_DelItem(rows_, position));
-            } else {
+            if (position < last) {
                 const Ref tombstone = make_tombstone(row_);
                 check(PySequence_SetItem(rows_, position, tombstone));
+            } else if (PyList_CheckExact(rows_)) {
+                list_remove_at(rows_, position);
+            } else {
+                check(PySequence_DelItem(rows_, position));
             }
             return;
         }
@@ -60,6 +64,7 @@ Ref insert(PyObject* self, PyObject* table_name, PyObject* data) {
     const Ref rows = get_attribute(table, names::rows);
     Ref row_id = integer(length(rows));
     AppendedRow appended(rows, row);
+    appended.put();
     IndexAddition listed(row_id);
     listed.add(table, row);
     require_in_place(table, row_id, row);

@@ -17,10 +17,7 @@ public:
         : rows_(Ref::borrow(rows)),
           row_id_(Ref::borrow(row_id)),
           old_row_(Ref::borrow(old_row)),
-          new_row_(Ref::borrow(new_row)) {
-        set_item(rows, row_id, new_row);
-        replaced_ = true;
-    }
+          new_row_(Ref::borrow(new_row)) {}
     ~ReplacedRow() {
         if (!replaced_) return;
         const SavedError error;
@@ -32,6 +29,10 @@ public:
     ReplacedRow(const ReplacedRow&) = delete;
     ReplacedRow& operator=(const ReplacedRow&) = delete;
 
+    void put() {
+        replaced_ = true;
+        set_item(rows_, row_id_, new_row_);
+    }
     void keep() noexcept { replaced_ = false; }
 
 private:
@@ -62,6 +63,7 @@ Ref update(PyObject* self, PyObject* table_name, PyObject* row_id, PyObject* new
     require_in_place(table, row_id, old_row);
     const Ref current_rows = get_attribute(table, names::rows);
     ReplacedRow replaced(current_rows, row_id, old_row, new_row);
+    replaced.put();
     IndexAddition listed(row_id);
     listed.add(table, new_row);
     require_in_place(table, row_id, new_row);

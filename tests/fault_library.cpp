@@ -1,0 +1,144 @@
+// Preloaded into a tested process, this stands between it and the system. While it is armed it counts the calls by which
+// files are replaced, and makes the ones it was told of fail, stop half way, or be the process's last.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <csignal>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+enum class Action : int { off, fail, shorten, interrupt, kill_before, kill_after, linger, predict, no_memory };
+
+Action action = Action::off;
+int first = 0;
+int last = 0;
+int error = 0;
+int seen = 0;
+int written = -1;  // the descriptor last written to
+char names[8192];
+char created[256];  // the file last asked for by a creating call, which must be exclusive to be noted
+
+bool due() {
+    ++seen;
+    return seen >= first && seen <= last;
+}
+
+void note(std::string_view name) {
+    const std::size_t used = std::strlen(names);
+    if (used + name.size() + 2 > sizeof names) return;
+    names[used + name.copy(names + used, name.size())] = ' ';
+    names[used + name.size() + 1] = '\0';
+}
+
+[[noreturn]] void die() {
+    kill(getpid(), SIGKILL);
+    for (;;) pause();
+}
+
+// The call itself, or what was planned in its place. `noted` is the name under which it is counted.
+template <class Result, class... Arguments>
+Result pass(const char* name, const char* noted, Arguments... arguments) {
+    const auto real = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name));
+    if (action == Action::off || action == Action::no_memory) return real(arguments...);
+    note(noted);
+    if (!due()) return real(arguments...);
+    if (action == Action::kill_before) die();
+    if (action == Action::fail || (action == Action::interrupt && std::strcmp(name, "close") != 0)) {
+        if (std::strcmp(name, "close") == 0) real(arguments...);  // a failing close has closed all the same
+        errno = action == Action::fail ? error : EINTR;
+        return -1;
+    }
+    if (action == Action::linger) usleep(50000);
+    const Result result = real(arguments...);
+    if (action == Action::kill_after) die();
+    return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Plans for the calls from the first to the last, counted from 1.
+void fault_arm(int planned, int from, int to, int error_number) {
+    first = from;
+    last = to;
+    error = error_number;
+    seen = 0;
+    written = -1;
+    names[0] = created[0] = '\0';
+    action = static_cast<Action>(planned);
+}
+
+// How many calls were counted.
+int fault_disarm() {
+    action = Action::off;
+    return seen;
+}
+
+const char* fault_names() { return names; }
+const char* fault_created() { return created; }
+
+int open(const char* path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = va_arg(rest, mode_t);
+    va_end(rest);
+    return pass<int>("open", "open", path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = va_arg(rest, mode_t);
+    va_end(rest);
+    constexpr int exclusive = O_CREAT | O_EXCL;
+    if (action != Action::off && (flags & exclusive) == exclusive) std::strncpy(created, path, sizeof created - 1);
+    return pass<int>("openat", "openat", directory, path, flags, mode);
+}
+
+ssize_t write(int file, const void* bytes, size_t size) {
+    if (action != Action::off) written = file;
+    if (action == Action::shorten && size > 1) size /= seen + 1 >= first && seen + 1 <= last ? 2 : 1;
+    return pass<ssize_t>("write", "write", file, bytes, size);
+}
+
+int close(int file) { return pass<int>("close", file == written ? "close" : "release", file); }
+int fsync(int file) { return pass<int>("fsync", "fsync", file); }
+int fchmod(int file, mode_t mode) { return pass<int>("fchmod", "fchmod", file, mode); }
+int fchown(int file, uid_t user, gid_t group) { return pass<int>("fchown", "fchown", file, user, group); }
+int fstat(int file, struct stat* status) { return pass<int>("fstat", "fstat", file, status); }
+int stat(const char* path, struct stat* status) { return pass<int>("stat", "stat", path, status); }
+int lstat(const char* path, struct stat* status) { return pass<int>("lstat", "lstat", path, status); }
+int unlinkat(int directory, const char* path, int flags) {
+    return pass<int>("unlinkat", "unlinkat", directory, path, flags);
+}
+int renameat(int from, const char* old_path, int to, const char* new_path) {
+    return pass<int>("renameat", "renameat", from, old_path, to, new_path);
+}
+ssize_t readlink(const char* path, char* text, size_t size) {
+    return pass<ssize_t>("readlink", "readlink", path, text, size);
+}
+ssize_t getrandom(void* bytes, size_t size, unsigned flags) {
+    if (action == Action::predict && first-- > 0) {
+        std::memset(bytes, 0, size);
+        return static_cast<ssize_t>(size);
+    }
+    return pass<ssize_t>("getrandom", "getrandom", bytes, size, flags);
+}
+
+void* __libc_malloc(size_t size);
+
+void* malloc(size_t size) {
+    if (action != Action::no_memory || !due()) return __libc_malloc(size);
+    errno = ENOMEM;
+    return nullptr;
+}
+
+}  // extern "C"
