@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kMostMilliseconds = 2000;
 
-thread_local int depth = 0;  // of calls on this thread
+[[gnu::tls_model("initial-exec")]] thread_local int depth = 0;  // of calls on this thread; read at every call
 int threads_inside = 0;
 bool closed = false;
 unsigned long closing_thread = 0;

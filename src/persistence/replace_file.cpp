@@ -228,6 +228,8 @@ void FileReplacement::write(std::string_view bytes) {
         if (written.error != 0) raise_os_error(written.error, target_.name);
         bytes.remove_prefix(static_cast<std::size_t>(written.result));
     }
+    // The disk may begin while the rest of the text is being made; `commit` is what waits for it, and hears of errors.
+    run([&] { return sync_file_range(new_file_.number(), 0, 0, SYNC_FILE_RANGE_WRITE); });
 }
 
 void FileReplacement::commit() {

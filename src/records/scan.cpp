@@ -24,7 +24,7 @@ Ref copy_with_values(PyObject* shared, const std::vector<RowShape::Entry>& entri
     bool may_form_cycles = false;
     for (std::size_t i = 0; i < entries.size(); ++i) {
         PyObject* value = PyList_GET_ITEM(row, entries[i].position);
-        may_form_cycles = may_form_cycles || PyObject_IS_GC(value) != 0;
+        may_form_cycles = may_form_cycles || PyType_IS_GC(Py_TYPE(value)) != 0;
         Py_INCREF(value);
         Py_DECREF(std::exchange(values[i], value));
     }
