@@ -146,15 +146,23 @@ class Side:
         return repr(tables), self.db.filename, files
 
     def adopt_key_order(self, other):
-        """A key that comes back when an operation is taken back may stand where it was or at the end."""
+        """A key that comes back when an operation is taken back may stand where it was or at the end, and be the
+        object that stood there or the row's."""
         for name, table in self.db.tables.items():
             for column, index in table.indexes.items() if isinstance(table.indexes, dict) else ():
                 theirs = other.db.tables[name].indexes.get(column) if name in other.db.tables else None
-                if type(index) is dict is type(theirs) and len(theirs) == len(index) < len({*map(repr, index)}) + 1:
-                    by_text = {repr(key): (key, ids) for key, ids in index.items()}
-                    if list(by_text) != [*map(repr, theirs)] and by_text.keys() == {*map(repr, theirs)}:
-                        index.clear()
-                        index.update(by_text[text] for text in map(repr, theirs))
+                if not isinstance(index, dict) or not isinstance(theirs, dict) or repr(index) == repr(theirs):
+                    continue
+                left, ordered = list(index.items()), []
+                for key, ids in theirs.items():
+                    alike = [at for at, (own, own_ids) in enumerate(left) if repr(own_ids) == repr(ids) and
+                             (repr(own) == repr(key) or {type(own), type(key)} <= {int, float, bool} and own == key)]
+                    if alike:
+                        own, ids = left.pop(alike[0])
+                        ordered.append((own if repr(own) == repr(key) else key, ids))
+                if not left and len(ordered) == len(theirs):
+                    index.clear()
+                    index.update(ordered)
 
     def failure(self, error):
         """Class and arguments. How a type is named in full, and the note on a subclass, are free wording; text may be

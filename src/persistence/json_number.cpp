@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::array<char, 200> kPairs = [] {
     std::array<char, 200> pairs{};
-    for (unsigned i = 0; i < 100; ++i) {
+    for (std::size_t i = 0; i < 100; ++i) {
         pairs[2 * i] = static_cast<char>('0' + i / 10);
         pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
     }
@@ -55,7 +55,7 @@ char* write_short_decimal(char* to, double magnitude) {
     if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
     to = write_unsigned(to, scaled / 10000);
     *to++ = '.';
-    const unsigned fraction = static_cast<unsigned>(scaled % 10000);
+    const std::size_t fraction = scaled % 10000;
     std::memcpy(to, &kPairs[2 * (fraction / 100)], 2);
     std::memcpy(to + 2, &kPairs[2 * (fraction % 100)], 2);
     char* end = to + 4;

@@ -33,10 +33,12 @@ char* write_escape(char* to, unsigned character) {
         default: break;
     }
     constexpr std::string_view digits = "0123456789abcdef";
-    std::memcpy(to, "u00", 3);
-    to[3] = digits[character >> 4U];
-    to[4] = digits[character & 15U];
-    return to + 5;
+    *to++ = 'u';
+    *to++ = '0';
+    *to++ = '0';
+    *to++ = digits[character >> 4U];
+    *to++ = digits[character & 15U];
+    return to;
 }
 
 bool is_escaped(unsigned character) { return character < 0x20 || character == '"' || character == '\\'; }
@@ -125,7 +127,8 @@ bool write_int(PyObject* number, TextBuffer& text) {
     }
     // The host limits how many digits it converts; its error is json.dump's to raise.
     PyObject* converted = PyLong_Type.tp_repr(number);
-    if (converted == nullptr && PyErr_ExceptionMatches(PyExc_ValueError) != 0) {
+    if (converted == nullptr) {
+        if (PyErr_ExceptionMatches(PyExc_ValueError) == 0) throw PythonError{};
         PyErr_Clear();
         return false;
     }

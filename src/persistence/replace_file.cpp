@@ -80,7 +80,8 @@ std::string follow_links(std::string path, struct stat& status, PyObject* name) 
         if (found.error != 0 && found.error != ENOENT) raise_os_error(found.error, name);
         if (found.error == ENOENT || !S_ISLNK(status.st_mode)) return path;
         const std::string link = read_link(path, name);
-        path = link.starts_with('/') ? link : directory_of(path) + link;
+        path = link.starts_with('/') ? std::string() : directory_of(path);
+        path += link;
     }
     raise_os_error(ELOOP, name);
 }

@@ -77,7 +77,9 @@ ScanColumns::ScanColumns(std::vector<Ref> names, std::vector<Stamp> stamps)
 ScanColumns::Stamp ScanColumns::stamp_of(PyObject* record) {
     PyTypeObject* type = Py_TYPE(record);
     PyObject** dict = _PyObject_GetDictPtr(record);
-    if (dict == nullptr || *dict == nullptr || !PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) return {};
+    if (dict == nullptr || *dict == nullptr || PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) == 0) {
+        return {};
+    }
     return {reinterpret_cast<PyDictObject*>(*dict)->ma_version_tag, type->tp_version_tag};
 }
 
