@@ -4,6 +4,7 @@
 #include "store/indexes.h"
 
 #include <algorithm>
+#include <array>
 
 #include "host/containers.h"
 #include "records/fields.h"
@@ -35,6 +36,45 @@ Py_ssize_t find_id(PyObject* ids, PyObject* row_id) {
     return -1;
 }
 
+template <class Test>
+bool any_key(PyObject* index, Test test) {
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* ids = nullptr;
+    Py_hash_t hash = 0;
+    while (_PyDict_Next(index, &position, &key, &ids, &hash) != 0) {
+        if (test(key, hash)) return true;
+    }
+    return false;
+}
+
+// Indexes seen lately to have plain keys only, by their versions: a change by a plain value needs no new look at all
+// keys.
+class KnownPlain {
+public:
+    [[nodiscard]] bool contains(std::uint64_t version) const {
+        return std::find(versions_.begin(), versions_.end(), version) != versions_.end();
+    }
+    void note(std::uint64_t version) {
+        versions_[next_] = version;
+        next_ = (next_ + 1) % versions_.size();
+    }
+
+private:
+    std::array<std::uint64_t, 16> versions_{};
+    std::size_t next_ = 0;
+};
+
+KnownPlain known_plain;
+
+bool has_plain_keys(PyObject* index) {
+    const std::uint64_t version = dict_version(index);
+    if (known_plain.contains(version)) return true;
+    if (any_key(index, [](PyObject* key, Py_hash_t /*hash*/) { return !has_plain_type(key); })) return false;
+    known_plain.note(version);
+    return true;
+}
+
 }  // namespace
 
 // ---- One value's place ----
@@ -51,7 +91,7 @@ Ref IndexSlot::index() const { return get_item(indexes_, name_); }
 
 Ref IndexSlot::ids() const {
     const Ref index = this->index();
-    if (!PyDict_CheckExact(index)) return item_if_key(index, value_);
+    if (!uses_hash(index)) return item_if_key(index, value_);
     PyObject* found = _PyDict_GetItem_KnownHash(index, value_, hash_);
     if (found != nullptr) return Ref::borrow(found);
     if (PyErr_Occurred() != nullptr) throw PythonError{};
@@ -60,7 +100,7 @@ Ref IndexSlot::ids() const {
 
 void IndexSlot::enter(PyObject* ids) const {
     const Ref index = this->index();
-    if (PyDict_CheckExact(index)) {
+    if (uses_hash(index)) {
         check(_PyDict_SetItem_KnownHash(index, value_, ids, hash_));
     } else {
         set_item(index, value_, ids);
@@ -69,30 +109,25 @@ void IndexSlot::enter(PyObject* ids) const {
 
 void IndexSlot::drop() const {
     const Ref index = this->index();
-    if (PyDict_CheckExact(index)) {
+    if (uses_hash(index)) {
         check(_PyDict_DelItem_KnownHash(index, value_, hash_));
     } else {
         check(PyObject_DelItem(index, value_));
     }
 }
 
-// The value itself, or a key of the same hash that it is compared with, may be of the host's own making.
+// A key of the same hash, which the value is compared with, may be of the host's own making as well as the value.
 bool IndexSlot::may_ask_host(PyObject* index) const {
-    if (!has_plain_type(value_)) return true;
-    Py_ssize_t position = 0;
-    PyObject* key = nullptr;
-    PyObject* ids = nullptr;
-    Py_hash_t hash = 0;
-    while (_PyDict_Next(index, &position, &key, &ids, &hash) != 0) {
-        if (hash == hash_ && !has_plain_type(key)) return true;
-    }
-    return false;
+    return !has_plain_type(value_) ||
+           any_key(index, [&](PyObject* key, Py_hash_t hash) { return hash == hash_ && !has_plain_type(key); });
 }
 
 // The change is made to a copy in the index's place, so that taking back only has to put the old one there again.
 void IndexSlot::before_change() {
     Ref index = this->index();
-    if (!PyDict_CheckExact(index) || !may_ask_host(index)) return;
+    if (!uses_hash(index)) return;
+    plain_ = has_plain_type(value_) && has_plain_keys(index);
+    if (plain_ || !may_ask_host(index)) return;
     const Ref copy = Ref::steal(PyDict_Copy(index));
     set_item(indexes_, name_, copy);
     changed_version_ = dict_version(copy);
@@ -101,7 +136,9 @@ void IndexSlot::before_change() {
 
 void IndexSlot::after_change() {
     const Ref index = this->index();
-    if (PyDict_CheckExact(index)) changed_version_ = dict_version(index);
+    if (!PyDict_CheckExact(index)) return;
+    changed_version_ = dict_version(index);
+    if (plain_) known_plain.note(changed_version_);
 }
 
 bool IndexSlot::take_back() const {
@@ -188,9 +225,9 @@ void IndexWithdrawal::take_out(Entry& entry) {
     entries_.push_back(std::move(entry));
     Entry& noted = entries_.back();
     if (length(noted.ids) != 0) return;
-    noted.slot.before_change();
+    if (care_ == Care::all_keys) noted.slot.before_change();
     noted.slot.drop();
-    noted.slot.after_change();
+    if (care_ == Care::all_keys) noted.slot.after_change();
     noted.dropped = true;
 }
 

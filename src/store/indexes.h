@@ -32,12 +32,15 @@ public:
 
 private:
     [[nodiscard]] Ref index() const;
+    [[nodiscard]] bool uses_hash(PyObject* index) const { return hash_ != -1 && PyDict_CheckExact(index); }
     [[nodiscard]] bool may_ask_host(PyObject* index) const;
 
     Ref indexes_;
     Ref name_;
     Ref value_;
-    Py_hash_t hash_ = 0;  // as the value showed it when it was first asked
+    Py_hash_t hash_ =
+        -1;               // as the value showed it when it was first asked; -1 when it was not, the index being no dict
+    bool plain_ = false;  // neither the value nor any key of the index is of the host's own making
     // Where a comparison by host code may fail on the way back: the index as it was, and what tells whether others have
     // changed its successor since.
     Ref before_;
@@ -71,8 +74,11 @@ private:
 // stands where it was in its list.
 class IndexWithdrawal {
 public:
-    IndexWithdrawal(PyObject* table, PyObject* row_id, PyObject* row)
-        : table_(Ref::borrow(table)), row_id_(Ref::borrow(row_id)), row_(Ref::borrow(row)) {}
+    // Whether keys that misbehave are provided for as well, which may take as long as the index is.
+    enum class Care : bool { plain_keys, all_keys };
+
+    IndexWithdrawal(PyObject* table, PyObject* row_id, PyObject* row, Care care = Care::all_keys)
+        : table_(Ref::borrow(table)), row_id_(Ref::borrow(row_id)), row_(Ref::borrow(row)), care_(care) {}
     ~IndexWithdrawal();
     IndexWithdrawal(const IndexWithdrawal&) = delete;
     IndexWithdrawal& operator=(const IndexWithdrawal&) = delete;
@@ -94,6 +100,7 @@ private:
     Ref table_;
     Ref row_id_;
     Ref row_;
+    Care care_;
     std::vector<Entry> entries_;
 };
 

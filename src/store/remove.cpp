@@ -10,10 +10,10 @@
 namespace jdb::store {
 namespace {
 
-void remove_row(PyObject* table, PyObject* row_id) {
+void remove_row(PyObject* table, PyObject* row_id, IndexWithdrawal::Care care) {
     const Ref rows = get_attribute(table, names::rows);
     const Ref row = get_item(rows, row_id);
-    IndexWithdrawal withdrawn(table, row_id, row);
+    IndexWithdrawal withdrawn(table, row_id, row, care);
     withdrawn.withdraw();
     const Ref columns = get_attribute(table, names::columns);
     const Ref tombstone = make_tombstone(columns);
@@ -31,7 +31,7 @@ Ref delete_row(PyObject* self, PyObject* table_name, PyObject* row_id) {
     const Ref rows = get_attribute(table, names::rows);
     if (!has_row(rows, row_id, position)) raise(PyExc_IndexError, "Row index out of range");
     settle_indexes(table);
-    remove_row(table, row_id);
+    remove_row(table, row_id, IndexWithdrawal::Care::all_keys);
     call_method(self, names::save);
     return Ref::boolean(true);
 }
@@ -43,7 +43,7 @@ Ref clear_table(PyObject* self, PyObject* table_name) {
     const Py_ssize_t count = length(rows);
     for (Py_ssize_t i = 0; i < count; ++i) {
         const Ref row_id = integer(i);
-        remove_row(table, row_id);
+        remove_row(table, row_id, IndexWithdrawal::Care::plain_keys);
         check(PyErr_CheckSignals());
     }
     call_method(self, names::save);
