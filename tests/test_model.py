@@ -445,8 +445,10 @@ def report(other, seed, length=200):
                 break
         else:
             size //= 2
-    number, ours, theirs = difference(other, seed, steps, trace)
-    lines = [f"seed {seed}, step {found[0]}; these steps are enough:", *trace]
+    again = difference(other, seed, steps, trace)
+    number, ours, theirs = again or found
+    told = "these steps are enough:" if again else "not every time:"
+    lines = [f"seed {seed}, step {found[0]}; {told}", *trace]
     for ours, theirs in zip(map(repr, ours), map(repr, theirs)):
         start = max(0, len(os.path.commonprefix([ours, theirs])) - 200)
         if ours != theirs:
