@@ -1,5 +1,5 @@
-// Preloaded into a tested process, this stands between it and the system. While it is armed it counts the calls by which
-// files are replaced, and makes the ones it was told of fail, stop half way, or be the process's last.
+// Preloaded into a tested process, this stands between it and the system. While it is armed it counts the calls by
+// which files are replaced, and makes the ones it was told of fail, stop half way, or be the process's last.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/random.h>
@@ -14,7 +14,7 @@
 
 namespace {
 
-enum class Action : int { off, fail, shorten, interrupt, kill_before, kill_after, linger, predict, no_memory };
+enum class Action : int { off, fail, shorten, interrupt, kill_before, kill_after, no_memory };
 
 Action action = Action::off;
 int first = 0;
@@ -23,7 +23,6 @@ int error = 0;
 int seen = 0;
 int written = -1;  // the descriptor last written to
 char names[8192];
-char created[256];  // the file last asked for by a creating call, which must be exclusive to be noted
 
 bool due() {
     ++seen;
@@ -55,7 +54,6 @@ Result pass(const char* name, const char* noted, Arguments... arguments) {
         errno = action == Action::fail ? error : EINTR;
         return -1;
     }
-    if (action == Action::linger) usleep(50000);
     const Result result = real(arguments...);
     if (action == Action::kill_after) die();
     return result;
@@ -72,7 +70,7 @@ void fault_arm(int planned, int from, int to, int error_number) {
     error = error_number;
     seen = 0;
     written = -1;
-    names[0] = created[0] = '\0';
+    names[0] = '\0';
     action = static_cast<Action>(planned);
 }
 
@@ -83,7 +81,6 @@ int fault_disarm() {
 }
 
 const char* fault_names() { return names; }
-const char* fault_created() { return created; }
 
 int open(const char* path, int flags, ...) {
     va_list rest;
@@ -98,9 +95,9 @@ int openat(int directory, const char* path, int flags, ...) {
     va_start(rest, flags);
     const mode_t mode = va_arg(rest, mode_t);
     va_end(rest);
-    constexpr int exclusive = O_CREAT | O_EXCL;
-    if (action != Action::off && (flags & exclusive) == exclusive) std::strncpy(created, path, sizeof created - 1);
-    return pass<int>("openat", "openat", directory, path, flags, mode);
+    // What may be there already, and lead elsewhere, is not a new file.
+    const bool shared = (flags & O_CREAT) != 0 && (flags & O_EXCL) == 0;
+    return pass<int>("openat", shared ? "shared" : "openat", directory, path, flags, mode);
 }
 
 ssize_t write(int file, const void* bytes, size_t size) {
@@ -126,10 +123,6 @@ ssize_t readlink(const char* path, char* text, size_t size) {
     return pass<ssize_t>("readlink", "readlink", path, text, size);
 }
 ssize_t getrandom(void* bytes, size_t size, unsigned flags) {
-    if (action == Action::predict && first-- > 0) {
-        std::memset(bytes, 0, size);
-        return static_cast<ssize_t>(size);
-    }
     return pass<ssize_t>("getrandom", "getrandom", bytes, size, flags);
 }
 

@@ -35,6 +35,9 @@ class Table:
     indexes: Dict[str, Dict[Any, List[int]]] = field(default_factory=dict)
 
 
+COLUMN_FIELDS = tuple(Column.__dataclass_fields__)
+
+
 def is_deleted(row):
     return all(value is None for value in row)
 
@@ -95,17 +98,14 @@ def settle_indexes(table):
     if as_read is table:
         return
     if as_read is table.indexes:
-        rebuilt = {}
-        for column in table.columns:
-            if column.unique or (isinstance(as_read, dict) and column.name in as_read):
-                rebuilt[column.name] = {}
+        rebuilt = {column.name: {} for column in table.columns
+                   if column.unique or isinstance(as_read, dict) and column.name in as_read}
         indexed = [(idx, rebuilt[column.name]) for idx, column in enumerate(table.columns) if column.name in rebuilt]
         for row_id, row in enumerate(table.rows) if indexed else ():
-            if not isinstance(row, list) or is_deleted(row):
-                continue
-            for idx, column_index in indexed:
-                if idx < len(row) and is_hashable(row[idx]):
-                    column_index.setdefault(row[idx], []).append(row_id)
+            if isinstance(row, list) and not is_deleted(row):
+                for idx, column_index in indexed:
+                    if idx < len(row) and is_hashable(row[idx]):
+                        column_index.setdefault(row[idx], []).append(row_id)
         table.indexes = rebuilt
     del table.__dict__[AS_READ]
 
@@ -255,11 +255,7 @@ class JSONDatatable:
             table.indexes[column_name][value].append(row_id)
 
     def _row_to_dict(self, table: Table, row: List[Any], columns: Optional[List[str]] = None) -> Dict[str, Any]:
-        row_dict = {}
-        for i, col in enumerate(table.columns):
-            if columns is None or col.name in columns:
-                row_dict[col.name] = row[i]
-        return row_dict
+        return {col.name: row[i] for i, col in enumerate(table.columns) if columns is None or col.name in columns}
 
     def _validate_row(self, table: Table, data: Dict[str, Any], update: bool = False) -> Dict[str, Any]:
         validated = {}
@@ -321,18 +317,13 @@ class JSONDatatable:
     def save(self):
         tables = {}
         for table_name, table in self.tables.items():
-            name = table.name
-            columns = []
-            for column in table.columns:
-                columns.append({
-                    "name": column.name, "data_type": column.data_type, "required": column.required,
-                    "unique": column.unique, "default": column.default, "validation_pattern": column.validation_pattern})
-            rows = [row for row in table.rows if not is_deleted(row)]
-            indexes = with_json_keys(table.indexes)
-            tables[table_name] = {"name": name, "columns": columns, "rows": rows, "indexes": indexes}
-        document = {"tables": tables}
+            tables[table_name] = {
+                "name": table.name,
+                "columns": [{name: getattr(column, name) for name in COLUMN_FIELDS} for column in table.columns],
+                "rows": [row for row in table.rows if not is_deleted(row)],
+                "indexes": with_json_keys(table.indexes)}
         with open(self.filename, "w", encoding="utf-8") as f:
-            json.dump(document, f, indent=None, ensure_ascii=False, default=str)
+            json.dump({"tables": tables}, f, indent=None, ensure_ascii=False, default=str)
 
     def load(self):
         if not os.path.exists(self.filename):
@@ -342,12 +333,10 @@ class JSONDatatable:
                 document = json.load(f)
                 self.tables = {}
                 for table_name, table_data in document.get("tables", {}).items():
-                    columns = []
-                    for col in table_data["columns"]:
-                        columns.append(Column(
-                            name=col["name"], data_type=col["data_type"], required=col.get("required", True),
-                            unique=col.get("unique", False), default=col.get("default"),
-                            validation_pattern=col.get("validation_pattern")))
+                    columns = [Column(
+                        name=col["name"], data_type=col["data_type"], required=col.get("required", True),
+                        unique=col.get("unique", False), default=col.get("default"),
+                        validation_pattern=col.get("validation_pattern")) for col in table_data["columns"]]
                     table = Table(name=table_data["name"], columns=columns, rows=table_data["rows"],
                                   indexes=table_data.get("indexes", {}))
                     table.__dict__[AS_READ] = table.indexes
@@ -366,9 +355,7 @@ class JSONDatatable:
         if not columns:
             print("Table has no columns")
             return
-        col_widths = {}
-        for name in columns:
-            col_widths[name] = len(name)
+        col_widths = {name: len(name) for name in columns}
         for row in rows:
             for key, value in row.items():
                 col_widths[key] = max(col_widths[key], len(str(value)))

@@ -40,10 +40,9 @@ class Documents(unittest.TestCase):
             if error.name in PERHAPS_MISSING:
                 self.skipTest(f"{error.name} is not installed")
             raise
-        if shown_as == "json":
-            self.assertEqual(json.dumps(json.loads(printed.getvalue())), json.dumps(json.loads(shown)))
-        else:
-            self.assertEqual(lines(printed.getvalue()), lines(shown if shown_as == "text" else ""))
+        written, read = printed.getvalue(), shown if shown_as in ("text", "json") else ""
+        comparable = lines if shown_as != "json" else lambda text: json.dumps(json.loads(text))
+        self.assertEqual(comparable(written), comparable(read))
 
     def run_console_block(self, text):
         for command, output in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", text, re.MULTILINE):

@@ -299,7 +299,7 @@ class Step:
     def keep(self, result):
         """Writes the result down, then spoils it: what was handed out is no part of the store, nor of its like."""
         self.result = repr(result)
-        for spoiled in [result, *result] if isinstance(result, list) else [result]:
+        for spoiled in result if isinstance(result, list) else [result]:
             if isinstance(spoiled, dict):
                 spoiled.update(more=len(spoiled))
                 spoiled.pop("id", None)
@@ -380,15 +380,9 @@ class Step:
             with mock.patch.object(self.side.module, *self.replacement()):
                 return action()
         change, target = self.choose(TWISTS[self.twist]), self.choose([self.db, self.side.kind])
-        original = getattr(target, self.twist)
-        setattr(target, self.twist, lambda *args, **kwargs: change(self.told(original)(*args, **kwargs)))
-        try:
+        original = self.told(getattr(target, self.twist))
+        with mock.patch.object(target, self.twist, lambda *args, **kwargs: change(original(*args, **kwargs))):
             action()
-        finally:
-            if target is self.db:
-                delattr(target, self.twist)
-            else:
-                setattr(target, self.twist, original)
 
     def told(self, function):
         """The function, with its calls written down."""

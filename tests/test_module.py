@@ -1,7 +1,5 @@
 """The module's namespace, its import checks and the two records."""
 
-from __future__ import annotations
-
 import _imp
 import ctypes
 import dataclasses
@@ -9,31 +7,12 @@ import inspect
 import pickle
 import types
 import unittest
-from dataclasses import dataclass, field
-from typing import Any, Dict, List, Optional
 from unittest import mock
 
+from model import Column, Table
 from support import module, run_python
 
 NAME = "talvern_client.utils.json_database"
-
-
-@dataclass
-class Column:
-    name: str
-    data_type: str
-    required: bool = True
-    unique: bool = False
-    default: Any = None
-    validation_pattern: Optional[str] = None
-
-
-@dataclass
-class Table:
-    name: str
-    columns: List[Column]
-    rows: List[List[Any]] = field(default_factory=list)
-    indexes: Dict[str, Dict[Any, List[int]]] = field(default_factory=dict)
 
 
 class Namespace(unittest.TestCase):
