@@ -190,8 +190,9 @@ Ref select_scanned(const Query& query, PyObject* limit) {
 Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject* columns, PyObject* limit) {
     const Ref table = require_table(self, table_name);
     if (conditions != Py_None && PyDict_GET_SIZE(conditions) == 1) {
-        settle_indexes(table);
+        // Taken before host code may run and empty the dictionary.
         const auto [name, value] = only_condition(conditions);
+        settle_indexes(table);
         const Ref indexes = get_field(table, names::indexes);
         const Ref index = item_if_key(indexes, name);
         if (index) {
