@@ -139,10 +139,10 @@ Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* upda
         }
         set_item(validated, column_name, value);
 
+        // A missing value is never tested, whatever the column says of itself.
+        if (value == Py_None) continue;
         const Ref unique = get_field(column, names::unique);
-        if (truth(unique) && value != Py_None) {
-            refuse_duplicate({self, table, column_name, value, data, updating});
-        }
+        if (truth(unique)) refuse_duplicate({self, table, column_name, value, data, updating});
     }
     return validated;
 }
