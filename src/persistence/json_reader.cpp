@@ -3,6 +3,7 @@
 #include "persistence/json_reader.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -18,67 +19,140 @@ namespace jdb::persistence {
 namespace {
 
 constexpr int kSafeDepth = 100;
+// Where a database has the rows of a table and the index of a column; elsewhere they are as any other value.
+constexpr int kRowsDepth = 3;
+constexpr int kIndexDepth = 4;
 
-// Texts met lately, so that keys and repeated short values are made once.
-class TextCache {
+// An empty Ref when it is not valid UTF-8.
+Ref decode(std::string_view utf8) {
+    PyObject* text = PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr);
+    if (text == nullptr && PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) != 0) {
+        PyErr_Clear();
+        return {};
+    }
+    return Ref::steal(text);
+}
+
+// The texts of the document so far, so that keys and repeated short values are made once. All are held until the
+// document is read, whatever becomes of the objects that they stand in.
+class Texts {
 public:
     // Room in proportion to the document, within bounds.
-    explicit TextCache(std::size_t document_size)
-        : entries_(std::clamp(std::bit_ceil(document_size / kBytesPerText), kFewest, kMost)) {}
+    explicit Texts(std::size_t document_size)
+        : met_(std::clamp(std::bit_ceil(document_size / kBytesPerText), kFewest, kMost)) {}
 
-    Ref text(std::string_view ascii) {
-        if (ascii.size() > kLongest) return make(ascii);
-        const std::uint64_t hash = hash_of(ascii);
-        Entry& entry = entries_[hash & (entries_.size() - 1)];
-        // The hash stands beside the text, so that another text is told apart without a look at far memory.
-        if (entry.text && entry.hash == hash && holds(entry.text, ascii)) return entry.text;
-        entry = {hash, make(ascii)};
-        return entry.text;
+    // How often the texts of one place, a column's values say, had been met before.
+    class Habit {
+    public:
+        void count(bool met_before) { (met_before ? met_ : made_) += 1; }
+        // A column of texts that differ from row to row would only push the others' out of fast memory.
+        [[nodiscard]] bool repeats() const { return made_ < kTried || met_ > made_ / 8; }
+
+    private:
+        static constexpr unsigned kTried = 1U << 14U;
+        unsigned met_ = 0;
+        unsigned made_ = 0;
+    };
+
+    // Texts as they stand in the document, without escapes; an empty Ref when one is not valid.
+    Ref value(std::string_view utf8, bool ascii, Habit& habit) {
+        if (utf8.size() > kLongest) return make(utf8, ascii);
+        if (!habit.repeats()) return make_and_keep(utf8, ascii);
+        const std::size_t known = kept_.size();
+        Ref text = short_text(utf8, ascii);
+        habit.count(known == kept_.size());
+        return text;
     }
+    // The keys of a column's index are the column's texts, in the order in which the rows have them.
+    Ref key(std::string_view utf8, bool ascii) {
+        if (utf8.size() > kLongest) return make(utf8, ascii);
+        if (ascii) {
+            if (Ref expected = find_expected(utf8)) return expected;
+        }
+        return short_text(utf8, ascii);
+    }
+
+    // How many are held; and from which of them on the keys to come are expected.
+    [[nodiscard]] std::size_t count() const { return kept_.size(); }
+    void expect_from(std::size_t first) { expected_ = first; }
 
 private:
     static constexpr std::size_t kLongest = 24;
     static constexpr std::size_t kBytesPerText = 64;
     static constexpr std::size_t kFewest = 64;
     static constexpr std::size_t kMost = std::size_t{1} << 15U;
+    static constexpr std::size_t kLookedAhead = 8;
 
-    static Ref make(std::string_view ascii) {
-        Ref text = Ref::steal(PyUnicode_New(static_cast<Py_ssize_t>(ascii.size()), 127));
-        PyObject* object = text;
-        if (!ascii.empty()) std::memcpy(PyUnicode_1BYTE_DATA(object), ascii.data(), ascii.size());
-        return text;
+    // A short text, filled up with zeros, which no text in a document contains. Kept beside the object, it tells texts
+    // apart without a look at far memory.
+    using Bytes = std::array<std::uint64_t, kLongest / 8>;
+
+    static Bytes bytes_of(std::string_view text) {
+        Bytes bytes{};
+        std::memcpy(bytes.data(), text.data(), text.size());
+        return bytes;
     }
-    static bool holds(PyObject* text, std::string_view ascii) {
-        return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text)) == ascii.size() &&
-               std::memcmp(PyUnicode_1BYTE_DATA(text), ascii.data(), ascii.size()) == 0;
-    }
-    static std::uint64_t hash_of(std::string_view ascii) {
-        std::uint64_t hash = ascii.size();
-        std::size_t at = 0;
-        while (at < ascii.size()) {
-            std::uint64_t bytes = 0;
-            const std::size_t count = std::min(sizeof bytes, ascii.size() - at);
-            std::memcpy(&bytes, ascii.data() + at, count);
-            hash = (hash ^ bytes) * 0x9E3779B97F4A7C15U;
+    static std::uint64_t hash_of(const Bytes& bytes) {
+        std::uint64_t hash = 0;
+        for (const std::uint64_t word : bytes) {
+            hash = (hash ^ word) * 0x9E3779B97F4A7C15U;
             hash ^= hash >> 29U;
-            at += count;
         }
         return hash;
     }
 
-    struct Entry {
-        std::uint64_t hash = 0;
-        Ref text;
+    Ref short_text(std::string_view utf8, bool ascii) {
+        const Bytes bytes = bytes_of(utf8);
+        Met& met = met_[hash_of(bytes) & (met_.size() - 1)];
+        if (met.text != nullptr && met.bytes == bytes) return Ref::borrow(met.text);
+        Ref text = make_and_keep(utf8, ascii);
+        if (text) met = {bytes, text};
+        return text;
+    }
+    Ref find_expected(std::string_view ascii) {
+        const std::size_t end = std::min(kept_.size(), expected_ + kLookedAhead);
+        for (std::size_t i = expected_; i < end; ++i) {
+            if (!holds(kept_[i], ascii)) continue;
+            expected_ = i + 1;
+            // Those to come lie far away by now.
+            if (i + kLookedAhead < kept_.size()) __builtin_prefetch(static_cast<PyObject*>(kept_[i + kLookedAhead]));
+            return kept_[i];
+        }
+        return {};
+    }
+    static bool holds(PyObject* text, std::string_view ascii) {
+        return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text)) == ascii.size() && PyUnicode_IS_ASCII(text) &&
+               std::memcmp(PyUnicode_1BYTE_DATA(text), ascii.data(), ascii.size()) == 0;
+    }
+
+    Ref make_and_keep(std::string_view utf8, bool ascii) {
+        Ref text = make(utf8, ascii);
+        if (text) kept_.push_back(text);
+        return text;
+    }
+    static Ref make(std::string_view utf8, bool ascii) {
+        if (!ascii) return decode(utf8);
+        Ref text = Ref::steal(PyUnicode_New(static_cast<Py_ssize_t>(utf8.size()), 127));
+        PyObject* object = text;
+        if (!utf8.empty()) std::memcpy(PyUnicode_1BYTE_DATA(object), utf8.data(), utf8.size());
+        return text;
+    }
+
+    struct Met {
+        Bytes bytes{};
+        PyObject* text = nullptr;  // one of those kept
     };
-    std::vector<Entry> entries_;  // their number is a power of two
+    std::vector<Met> met_;  // lately; their number is a power of two
+    std::vector<Ref> kept_;
+    std::size_t expected_ = 0;
 };
 
 class Reader {
 public:
-    explicit Reader(std::string_view text) : at_(text.data()), end_(text.data() + text.size()), cache_(text.size()) {}
+    explicit Reader(std::string_view text) : at_(text.data()), end_(text.data() + text.size()), texts_(text.size()) {}
 
     Ref document() {
-        Ref value = read_value(0);
+        Ref value = read_value(0, kColumns);
         skip_space();
         return at_ == end_ ? value : Ref{};
     }
@@ -99,11 +173,13 @@ private:
         while (at_ != end_ && (*at_ == ' ' || *at_ == '\n' || *at_ == '\t' || *at_ == '\r')) ++at_;
     }
 
-    Ref read_value(int depth) {
+    Ref read_value(int depth, std::size_t column) {
         skip_space();
         if (at_ == end_) return {};
         switch (*at_) {
-            case '"': return read_string();
+            case '"':
+                return read_string(
+                    [&](std::string_view text, bool ascii) { return texts_.value(text, ascii, habits_[column]); });
             case '[': return depth < kSafeDepth ? read_array(depth) : Ref{};
             case '{': return depth < kSafeDepth ? read_object(depth) : Ref{};
             case 't': return take_word("true") ? Ref::boolean(true) : Ref{};
@@ -118,13 +194,19 @@ private:
 
     // ---- Arrays and objects ----
 
+    void begin_rows() {
+        habits_ = {};
+        rows_texts_ = texts_.count();
+    }
+
     Ref read_array(int depth) {
         ++at_;
+        if (depth == kRowsDepth) begin_rows();
         const std::size_t first = waiting_.size();
         skip_space();
         if (!take(']')) {
             do {
-                Ref item = read_value(depth + 1);
+                Ref item = read_value(depth + 1, std::min(waiting_.size() - first, kColumns - 1));
                 if (!item) return {};
                 waiting_.push_back(std::move(item));
                 skip_space();
@@ -142,17 +224,18 @@ private:
 
     Ref read_object(int depth) {
         ++at_;
+        if (depth == kIndexDepth) texts_.expect_from(rows_texts_);
         Ref dict = new_dict();
         skip_space();
         if (take('}')) return dict;
         do {
             skip_space();
             if (!next_is('"')) return {};
-            const Ref key = read_string();
+            const Ref key = read_string([&](std::string_view text, bool ascii) { return texts_.key(text, ascii); });
             if (!key) return {};
             skip_space();
             if (!take(':')) return {};
-            const Ref value = read_value(depth + 1);
+            const Ref value = read_value(depth + 1, kColumns);
             if (!value) return {};
             check(PyDict_SetItem(dict, key, value));
             skip_space();
@@ -162,7 +245,8 @@ private:
 
     // ---- Strings ----
 
-    Ref read_string() {
+    template <class MakeText>
+    Ref read_string(MakeText make_text) {
         ++at_;
         const char* const start = at_;
         while (end_ - at_ >= 8 && !has_special(at_)) at_ += 8;
@@ -171,22 +255,13 @@ private:
             const auto byte = static_cast<unsigned char>(*at_);
             if (byte == '"') {
                 const std::string_view text(start, static_cast<std::size_t>(at_++ - start));
-                return ascii ? cache_.text(text) : decode(text);
+                return make_text(text, ascii);
             }
             if (byte == '\\') return read_escaped(start);
             if (byte < 0x20) return {};
             ascii = ascii && byte < 0x80;
         }
         return {};
-    }
-
-    static Ref decode(std::string_view utf8) {
-        PyObject* text = PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr);
-        if (text == nullptr && PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) != 0) {
-            PyErr_Clear();
-            return {};
-        }
-        return Ref::steal(text);
     }
 
     // A string with escapes, which are turned into UTF-8 before the whole is decoded; at_ is at the first of them.
@@ -313,7 +388,10 @@ private:
 
     const char* at_;
     const char* end_;
-    TextCache cache_;
+    Texts texts_;
+    static constexpr std::size_t kColumns = 32;
+    std::array<Texts::Habit, kColumns + 1> habits_;  // of the first places in arrays, and of objects' members
+    std::size_t rows_texts_ = 0;                     // where those of the table's rows begin
     std::vector<Ref> waiting_;
     std::string unescaped_;
 };
