@@ -1,7 +1,8 @@
 """Who is measured: each class does the same operations its own way.
 
-An operation is an attribute that takes one argument, made by `argument` before the clock starts. A contender
-that lacks an operation is left out of it. `before` and `after` stand outside the clock, too.
+`fill` makes the file, `use` opens it for the operations. An operation is an attribute that takes one argument, made by
+`argument` before the clock starts. A contender that lacks an operation is left out of it. `before` and `after` stand
+outside the clock, too.
 """
 
 import functools
@@ -76,10 +77,10 @@ class Database(Contender):
         db.tables[TABLE].rows.extend(rows.stored(rows.row(number, self.width)) for number in range(self.count))
         db._build_indexes(TABLE)
         db.save()
-        self.work_on(db)
 
-    def work_on(self, db):
-        self.db = db
+    def use(self):
+        self.load(None)
+        db = self.db = self.opened
         self.insert = self.insert_memory = functools.partial(db.insert, TABLE)
         self.by_unique = self.no_match = self.one_percent = functools.partial(db.select, TABLE)
         self.get_row = self.get_row_anywhere = functools.partial(db.get_row, TABLE)
@@ -146,11 +147,12 @@ class ByHand(Contender):
         self.memory = memory and os.path.join(memory, "database")
 
     def fill(self):
-        self.work_on([rows.row(number) for number in range(self.count)])
+        self.rows = [rows.row(number) for number in range(self.count)]
         self.save()
 
-    def work_on(self, loaded):
-        self.rows = loaded
+    def use(self):
+        self.load(None)
+        self.rows = self.opened
         self.get_row = self.get_row_anywhere = self.rows.__getitem__
 
     def save(self):
@@ -219,13 +221,16 @@ class Sqlite(Contender):
         return connection
 
     def fill(self):
-        self.db = self.connect()
+        self.use()
         self.db.execute("CREATE TABLE items (id INTEGER PRIMARY KEY, sku TEXT NOT NULL UNIQUE, name TEXT NOT NULL,"
                         " quantity NUMERIC NOT NULL, price NUMERIC NOT NULL, active INTEGER NOT NULL, added TEXT)")
-        self.add = f"INSERT INTO items ({', '.join(self.names)}) VALUES ({', '.join(':' + name for name in self.names)})"
-        self.change = f"UPDATE items SET {', '.join(f'{name} = :{name}' for name in self.names)} WHERE id = :id"
         self.db.executemany(self.add, (rows.row(number) for number in range(self.count)))
         self.db.commit()
+
+    def use(self):
+        self.db = self.connect()
+        self.add = f"INSERT INTO items ({', '.join(self.names)}) VALUES ({', '.join(':' + name for name in self.names)})"
+        self.change = f"UPDATE items SET {', '.join(f'{name} = :{name}' for name in self.names)} WHERE id = :id"
 
     def before(self, operation):
         self.opened = None
@@ -287,8 +292,11 @@ class TinyDB(Contender):
         self.where = self.library.where
 
     def fill(self):
-        self.db = self.library.TinyDB(self.path)
+        self.use()
         self.db.insert_multiple(rows.row(number) for number in range(self.count))
+
+    def use(self):
+        self.db = self.library.TinyDB(self.path)
 
     def before(self, operation):
         self.opened = None
@@ -342,6 +350,9 @@ class Floor(Contender):
         with open(self.like, "rb") as file:
             self.content = file.read()
         self.insert(None)
+
+    def use(self):
+        self.fill()
 
     def before(self, operation):
         self.path = self.memory if operation == "insert_memory" else self.disk

@@ -49,12 +49,13 @@ def check(contender):
             raise AssertionError(f"{type(contender).__name__} finds {found} of {contender.count} rows")
 
 
-def serve(connection, name, filled, *arguments, **options):
+def serve(connection, name, prepare, *arguments, **options):
     """The process of one contender: answers (operation, calls) with a sample, until told None."""
     sys.stdout = open(os.devnull, "w")
     contender = contenders.CONTENDERS[name](*arguments, **options)
-    if filled:
-        contender.fill()
+    if prepare:
+        getattr(contender, prepare)()
+    if prepare == "use":
         check(contender)
     gc.collect()
     connection.send(contender.path)
@@ -72,9 +73,11 @@ def start(target, *arguments, **options):
 
 
 class Worker:
-    def __init__(self, name, *arguments, filled=True, label=None, **options):
+    """`prepare` is what its process does first: "fill", "use" or nothing."""
+
+    def __init__(self, name, *arguments, prepare="use", label=None, **options):
         self.name = label or name
-        self.process, self.connection = start(serve, name, filled, *arguments, **options)
+        self.process, self.connection = start(serve, name, prepare, *arguments, **options)
         self.path = self.connection.recv()
 
     def sample(self, operation, calls):
@@ -132,9 +135,8 @@ def weigh(connection, name, folder, count, turn):
     contender.next = count * (turn + 2)  # past whatever the file has been given so far
     try:
         before = settled()
-        contender.load(None)
+        contender.use()
         kept = settled() - before
-        contender.work_on(contender.opened)
         contender.insert(contender.argument("insert"))  # lists have grown, indexes are in place
         before = settled()
         with open("/proc/self/clear_refs", "w") as file:

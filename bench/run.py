@@ -54,35 +54,41 @@ def measure_size(place, count, names):
     operations = [operation for operation in (OPERATIONS if count else ("insert",))
                   if operation != "insert_memory" or place.memory]
     rounds = ROUNDS[count]
-    options = {name: {"memory": place.in_memory(name, count)} for name in ("ours", "literal", "by hand", "floor")}
-    workers = [measure.Worker(name, place.at(name, count), count, **options.get(name, {}))
-               for name in names if name != "floor"]
-    files = {worker.name: worker.path for worker in workers}
-    if "literal" in files and not filecmp.cmp(files["ours"], files["literal"], shallow=False):
-        raise AssertionError("the module and the literal program write different files")
     results = {}
-    if count == 0:
-        workers[0].sample("insert", 1)
-    workers.append(measure.Worker("floor", place.at("floor", count), count, like=workers[0].path, **options["floor"]))
-    for operation in operations:
-        results[operation] = measure.interleaved(workers, operation, rounds, BUDGET)
-    for worker in workers:
-        worker.stop()
-    if count:
-        # A load is measured where nothing is loaded yet: as at the start of a program.
-        workers = [measure.Worker(name, place.at(name, count), count, filled=False) for name in names if name != "floor"]
-        for operation in ("load", "open"):
+    options = {name: {"memory": place.in_memory(name, count)} for name in ("ours", "literal", "by hand", "floor")}
+    databases = [name for name in names if name != "floor"]
+
+    def start(prepare):
+        return [measure.Worker(name, place.at(name, count), count, prepare=prepare, **options.get(name, {}))
+                for name in databases]
+
+    def measure_all(workers, operations):
+        for operation in operations:
             results[operation] = measure.interleaved(workers, operation, rounds, BUDGET)
         for worker in workers:
             worker.stop()
+
+    fillers = start("fill")
+    for worker in fillers:
+        worker.stop()
+    files = {worker.name: worker.path for worker in fillers}
+    if "literal" in files and not filecmp.cmp(files["ours"], files["literal"], shallow=False):
+        raise AssertionError("the module and the literal program write different files")
+    if count:
+        # A load is measured where nothing is loaded yet: as at the start of a program.
+        measure_all(start(None), ("load", "open"))
+    workers = start("use")
+    workers.append(measure.Worker("floor", place.at("floor", count), count, like=files["ours"], **options["floor"]))
+    measure_all(workers, operations)
     return results
 
 
 def measure_width(place, count):
     """{operation: {label: samples}} of our module with six columns and with thirty."""
     results = {}
-    for filled, operations in (True, ("insert", "no_match", "select_all", "by_unique", "get_row")), (False, ("load",)):
-        workers = [measure.Worker("ours", place.at(label, count), count, filled=filled, label=label, width=width)
+    stages = (("fill", ()), (None, ("load",)), ("use", ("insert", "no_match", "select_all", "by_unique", "get_row")))
+    for prepare, operations in stages:
+        workers = [measure.Worker("ours", place.at(label, count), count, prepare=prepare, label=label, width=width)
                    for label, width in (("narrow", 6), ("wide", WIDE))]
         for operation in operations:
             results[operation] = measure.interleaved(workers, operation, ROUNDS[count], BUDGET)
