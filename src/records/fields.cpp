@@ -1,5 +1,6 @@
 // Certainty comes from three facts: the type looks attributes up in the ordinary way, it has no descriptor that would
-// go before the instance's dictionary, and keys that are exact strings are compared without host code.
+// go before the instance's dictionary, and keys that are exact strings are compared without host code. What was found
+// holds for as long as the object's stamp is the same.
 #include "records/fields.h"
 
 #include <array>
@@ -11,9 +12,12 @@ struct Original {
     Name& name;
     PyObject* function = nullptr;  // owned
     PyObject* defaults = nullptr;  // owned, or null
+    Stamp kept_by;                 // the object last seen to redefine it nowhere
 };
 
-std::array<Original, 3> originals{{{names::row_to_dict}, {names::project_row}, {names::dict_to_row_id}}};
+std::array<Original, 3> originals{{{names::row_to_dict, nullptr, nullptr, {}},
+                                   {names::project_row, nullptr, nullptr, {}},
+                                   {names::dict_to_row_id, nullptr, nullptr, {}}}};
 
 PyObject* own_dict(PyObject* object) {
     if (Py_TYPE(object)->tp_getattro != &PyObject_GenericGetAttr) return nullptr;
@@ -27,23 +31,52 @@ PyObject* look_up(PyObject* dict, PyObject* name) {
     return found;
 }
 
-}  // namespace
+bool redefines(PyObject* self, const Original& original) {
+    if (_PyType_Lookup(Py_TYPE(self), original.name) != original.function) return true;
+    PyObject* dict = own_dict(self);
+    return dict == nullptr || look_up(dict, original.name) != nullptr;
+}
 
-PyObject* own_field(PyObject* record, Name& field) {
+PyObject* find_own_field(PyObject* record, Name& field) {
     PyObject* dict = own_dict(record);
     if (dict == nullptr) return nullptr;
+    // An object of the host's own making in the class may become a descriptor at any time.
     PyObject* in_class = _PyType_Lookup(Py_TYPE(record), field);
-    if (in_class != nullptr && Py_TYPE(in_class)->tp_descr_set != nullptr) return nullptr;
+    if (in_class != nullptr && (Py_TYPE(in_class)->tp_descr_set != nullptr ||
+                                PyType_HasFeature(Py_TYPE(in_class), Py_TPFLAGS_HEAPTYPE) != 0)) {
+        return nullptr;
+    }
     return look_up(dict, field);
 }
 
+}  // namespace
+
+PyObject* own_field(PyObject* record, Name& field) {
+    struct Found {
+        Stamp stamp;
+        Name* field = nullptr;
+        PyObject* value = nullptr;
+    };
+    static constexpr std::size_t kLately = 64;
+    static std::array<Found, kLately> lately;
+
+    const Stamp stamp = stamp_of(record);
+    Found& found = lately[(stamp.fields + reinterpret_cast<std::uintptr_t>(&field) / sizeof(Name)) % kLately];
+    if (stamp.type != 0 && found.stamp == stamp && found.field == &field) return found.value;
+    PyObject* value = find_own_field(record, field);
+    found = {stamp, &field, value};
+    return value;
+}
+
 bool has_original(PyObject* self, Name& method) {
-    for (const Original& original : originals) {
+    for (Original& original : originals) {
         if (&original.name != &method) continue;
-        if (_PyType_Lookup(Py_TYPE(self), method) != original.function) return false;
         if (PyFunction_GetDefaults(original.function) != original.defaults) return false;
-        PyObject* dict = own_dict(self);
-        return dict != nullptr && look_up(dict, method) == nullptr;
+        const Stamp stamp = stamp_of(self);
+        if (stamp.type != 0 && original.kept_by == stamp) return true;
+        if (redefines(self, original)) return false;
+        original.kept_by = stamp;
+        return true;
     }
     return false;
 }

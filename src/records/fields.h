@@ -2,9 +2,28 @@
 // roads stand on: whatever is not plainly so sends them to the plain one.
 #pragma once
 
+#include <cstdint>
+
+#include "host/containers.h"
 #include "host/object.h"
 
 namespace jdb {
+
+// What changes as soon as an object's attributes could have: the versions that the interpreter keeps of dictionaries
+// and classes, no two of which are ever the same.
+struct Stamp {
+    std::uint64_t fields = 0;
+    unsigned type = 0;  // 0 for an object that gives no stamp
+    bool operator==(const Stamp&) const = default;
+};
+
+inline Stamp stamp_of(PyObject* object) {
+    PyTypeObject* type = Py_TYPE(object);
+    if (type->tp_dictoffset <= 0 || PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) == 0) return {};
+    PyObject* dict = *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(object) + type->tp_dictoffset);
+    if (dict == nullptr) return {};
+    return {dict_version(dict), type->tp_version_tag};
+}
 
 // The field as the record's own dictionary holds it, borrowed; null where reading the attribute could run host code
 // (a property, a `__getattr__`, slots) or would not find it there.

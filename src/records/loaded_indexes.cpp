@@ -93,10 +93,16 @@ void mark_indexes_as_read(PyObject* table) {
 }
 
 void settle_indexes(PyObject* table) {
+    static Stamp known_settled;
+    const Stamp stamp = stamp_of(table);
+    if (stamp.type != 0 && stamp == known_settled) return;
     const Ref dict = own_dict(table);
     if (!dict) return;
     const Ref as_read = find_item(dict, names::indexes_as_read);
-    if (!as_read) return;
+    if (!as_read) {
+        known_settled = stamp;
+        return;
+    }
     const Ref current = get_field(table, names::indexes);
     if (current == as_read) {
         const Ref indexes = rebuild(table, as_read);

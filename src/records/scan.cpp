@@ -6,7 +6,6 @@
 
 #include "host/collector.h"
 #include "host/module_state.h"
-#include "records/fields.h"
 #include "records/rows.h"
 
 namespace jdb {
@@ -73,15 +72,6 @@ std::vector<RowShape::Entry> all_columns(const std::vector<Ref>& names) {
 
 ScanColumns::ScanColumns(std::vector<Ref> names, std::vector<Stamp> stamps)
     : names_(std::move(names)), stamps_(std::move(stamps)), shape_(all_columns(names_)) {}
-
-ScanColumns::Stamp ScanColumns::stamp_of(PyObject* record) {
-    PyTypeObject* type = Py_TYPE(record);
-    PyObject** dict = _PyObject_GetDictPtr(record);
-    if (dict == nullptr || *dict == nullptr || PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) == 0) {
-        return {};
-    }
-    return {reinterpret_cast<PyDictObject*>(*dict)->ma_version_tag, type->tp_version_tag};
-}
 
 bool ScanColumns::describes(PyObject* columns) const {
     const auto count = static_cast<std::size_t>(PyList_GET_SIZE(columns));

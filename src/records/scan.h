@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/object.h"
+#include "records/fields.h"
 
 namespace jdb {
 
@@ -46,15 +47,6 @@ public:
     [[nodiscard]] RowShape project(PyObject* names) const;
 
 private:
-    // What changes as soon as a record's fields could have: the versions that the interpreter keeps of dictionaries
-    // and classes, no two of which are ever the same.
-    struct Stamp {
-        std::uint64_t fields = 0;
-        unsigned type = 0;  // 0 for a record that gives no stamp
-        bool operator==(const Stamp&) const = default;
-    };
-    static Stamp stamp_of(PyObject* record);
-
     ScanColumns(std::vector<Ref> names, std::vector<Stamp> stamps);
     [[nodiscard]] bool describes(PyObject* columns) const;
 
