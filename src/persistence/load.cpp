@@ -2,7 +2,10 @@
 // objects are asked for their members by the host's rules, so that a file of the wrong shape fails with its errors.
 #include "persistence/load.h"
 
+#include <optional>
+
 #include "host/collector.h"
+#include "host/huge_pages.h"
 #include "host/module_state.h"
 #include "persistence/host_file.h"
 #include "persistence/json_reader.h"
@@ -77,8 +80,12 @@ bool reads_as_imported(PyObject* json, PyObject* open) {
 // The fast road: false when the reader gives up, and nothing has changed. The collector looks for garbage again
 // when the tables stand, not among their half-made parts.
 bool load_natively(PyObject* self, PyObject* bytes) {
+    constexpr std::size_t kLarge = std::size_t{1} << 20U;
+    const std::string_view text(PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes)));
     const CollectorPaused paused;
-    const Ref document = read_json({PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))});
+    std::optional<HugePages> pages;
+    if (text.size() >= kLarge) pages.emplace();
+    const Ref document = read_json(text);
     if (document) replace_tables(self, document);
     return static_cast<bool>(document);
 }

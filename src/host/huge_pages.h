@@ -1,0 +1,21 @@
+// Memory for a great many objects that are made at once and stay: a table that is loaded. In huge pages it is there
+// sooner, and later walks over it find their way faster.
+#pragma once
+
+namespace jdb {
+
+// While it lives, what the interpreter's allocator of small objects asks the system for comes in huge pages, as far as
+// the system has them. That memory is the interpreter's, like any other that it got. Does nothing where another
+// allocator stands in for its own.
+class HugePages {
+public:
+    HugePages() noexcept;
+    ~HugePages();
+    HugePages(const HugePages&) = delete;
+    HugePages& operator=(const HugePages&) = delete;
+
+private:
+    bool installed_ = false;
+};
+
+}  // namespace jdb
