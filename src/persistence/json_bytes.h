@@ -1,22 +1,28 @@
-// A test that the writer and the reader of JSON strings make on eight bytes at once.
+// A test that the writer and the reader of JSON strings make on several bytes at once.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
 namespace jdb::persistence {
 
-// Whether any of the eight bytes from there on is a quote, a backslash, a control character or no ASCII.
-inline bool has_special(const char* eight_bytes) {
-    constexpr std::uint64_t ones = 0x0101010101010101U;
-    std::uint64_t bytes = 0;
-    std::memcpy(&bytes, eight_bytes, sizeof bytes);
-    // A zero byte borrows from its high bit; so does one below the number that is taken off.
-    const auto zero_in = [](std::uint64_t word) { return (word - ones) & ~word; };
-    const std::uint64_t quotes = zero_in(bytes ^ (ones * '"'));
-    const std::uint64_t backslashes = zero_in(bytes ^ (ones * '\\'));
-    const std::uint64_t controls = (bytes - ones * 0x20U) & ~bytes;
-    return ((quotes | backslashes | controls | bytes) & (ones << 7U)) != 0;
+// How many bytes stand before the first that is a quote, a backslash, a control character or no ASCII, in a word of
+// bytes; all of them where there is none.
+template <class Word>
+std::size_t plain_bytes(const char* word) {
+    constexpr Word ones = static_cast<Word>(0x0101010101010101U);
+    Word bytes = 0;
+    std::memcpy(&bytes, word, sizeof bytes);
+    // A zero byte borrows from its high bit; so does one below the number that is taken off. A byte behind such a one
+    // may be marked for no reason, but never one before it.
+    const auto zero_in = [](Word value) { return static_cast<Word>((value - ones) & ~value); };
+    const Word quotes = zero_in(bytes ^ static_cast<Word>(ones * '"'));
+    const Word backslashes = zero_in(bytes ^ static_cast<Word>(ones * '\\'));
+    const auto controls = static_cast<Word>((bytes - static_cast<Word>(ones * 0x20U)) & ~bytes);
+    const auto special = static_cast<Word>((quotes | backslashes | controls | bytes) & static_cast<Word>(ones << 7U));
+    static_assert(std::endian::native == std::endian::little, "the first byte is the lowest");
+    return static_cast<std::size_t>(std::countr_zero(special)) / 8;
 }
 
 }  // namespace jdb::persistence

@@ -51,7 +51,7 @@ char* write_short_decimal(char* to, double magnitude) {
     constexpr double kScale = 1e4;
     constexpr double kMost = 1e11;
     if (!(magnitude < kMost)) return nullptr;
-    const auto scaled = static_cast<std::uint64_t>(std::llround(magnitude * kScale));
+    const auto scaled = static_cast<std::uint64_t>(magnitude * kScale + 0.5);
     if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
     to = write_unsigned(to, scaled / 10000);
     *to++ = '.';

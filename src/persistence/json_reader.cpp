@@ -249,9 +249,7 @@ private:
     Ref read_string(MakeText make_text) {
         ++at_;
         const char* const start = at_;
-        while (end_ - at_ >= 8 && !has_special(at_)) at_ += 8;
-        bool ascii = true;
-        for (; at_ != end_; ++at_) {
+        for (bool ascii = true; skip_plain(); ++at_) {
             const auto byte = static_cast<unsigned char>(*at_);
             if (byte == '"') {
                 const std::string_view text(start, static_cast<std::size_t>(at_++ - start));
@@ -262,6 +260,16 @@ private:
             ascii = ascii && byte < 0x80;
         }
         return {};
+    }
+
+    // Goes on to the next byte of a string that needs care, or one beside the document's end; false at the end.
+    bool skip_plain() {
+        std::size_t plain = sizeof(std::uint64_t);
+        while (plain == sizeof(std::uint64_t) && end_ - at_ >= 8) {
+            plain = plain_bytes<std::uint64_t>(at_);
+            at_ += plain;
+        }
+        return at_ != end_;
     }
 
     // A string with escapes, which are turned into UTF-8 before the whole is decoded; at_ is at the first of them.

@@ -82,42 +82,55 @@ bool write_characters(const Character* characters, std::size_t count, TextBuffer
     return true;
 }
 
-// Copies the start of the text, eight bytes at a time, as far as nothing in it needs care; how much that was.
-std::size_t copy_plain(const char* from, std::size_t count, TextBuffer& text) {
-    char* const to = text.reserve(count);
-    std::size_t done = 0;
-    for (; count - done >= 8 && !has_special(from + done); done += 8) std::memcpy(to + done, from + done, 8);
-    while (done < count && !is_escaped(static_cast<unsigned char>(from[done])) &&
-           static_cast<unsigned char>(from[done]) < 0x80) {
-        to[done] = from[done];
-        ++done;
+// Copies the text as far as nothing in it needs care; how much that was. A word at a time, the last one reaching back
+// over bytes already copied.
+template <class Word>
+std::size_t copy_words(const char* from, std::size_t count, char* to) {
+    for (std::size_t done = 0;; done = std::min(done + sizeof(Word), count - sizeof(Word))) {
+        std::memcpy(to + done, from + done, sizeof(Word));
+        const std::size_t plain = done + plain_bytes<Word>(from + done);
+        if (plain == count || plain < done + sizeof(Word)) return plain;
     }
-    text.advance(done);
+}
+
+std::size_t copy_plain(const char* from, std::size_t count, char* to) {
+    if (count >= sizeof(std::uint64_t)) return copy_words<std::uint64_t>(from, count, to);
+    if (count >= sizeof(std::uint32_t)) return copy_words<std::uint32_t>(from, count, to);
+    std::size_t done = 0;
+    for (; done < count && plain_bytes<std::uint8_t>(from + done) == 1; ++done) to[done] = from[done];
     return done;
 }
 
 bool write_string(PyObject* string, TextBuffer& text) {
     if (!PyUnicode_IS_READY(string)) return false;
     const auto count = static_cast<std::size_t>(PyUnicode_GET_LENGTH(string));
-    text.add("\"");
-    bool written = true;
-    switch (PyUnicode_KIND(string)) {
-        case PyUnicode_1BYTE_KIND: {
-            const auto* characters = PyUnicode_1BYTE_DATA(string);
-            const std::size_t plain = copy_plain(reinterpret_cast<const char*>(characters), count, text);
-            written = write_characters(characters + plain, count - plain, text);
-            break;
-        }
-        case PyUnicode_2BYTE_KIND: written = write_characters(PyUnicode_2BYTE_DATA(string), count, text); break;
-        default: written = write_characters(PyUnicode_4BYTE_DATA(string), count, text); break;
+    if (PyUnicode_KIND(string) == PyUnicode_1BYTE_KIND) {
+        const auto* characters = PyUnicode_1BYTE_DATA(string);
+        char* const to = text.reserve(count + 2);
+        *to = '"';
+        const std::size_t plain = copy_plain(reinterpret_cast<const char*>(characters), count, to + 1);
+        text.advance(plain + 1);
+        if (plain < count && !write_characters(characters + plain, count - plain, text)) return false;
+    } else {
+        text.add("\"");
+        const bool written = PyUnicode_KIND(string) == PyUnicode_2BYTE_KIND
+                                 ? write_characters(PyUnicode_2BYTE_DATA(string), count, text)
+                                 : write_characters(PyUnicode_4BYTE_DATA(string), count, text);
+        if (!written) return false;
     }
     text.add("\"");
-    return written;
+    return true;
 }
 
 // ---- Numbers and dates ----
 
 bool write_int(PyObject* number, TextBuffer& text) {
+    if (Py_SIZE(number) == 1) {  // the host's own digit, of some thirty bits
+        char* const to = text.reserve(kIntegerRoom);
+        const auto digit = reinterpret_cast<PyLongObject*>(number)->ob_digit[0];
+        text.advance(static_cast<std::size_t>(write_integer(to, digit) - to));
+        return true;
+    }
     int overflow = 0;
     const long long value = PyLong_AsLongLongAndOverflow(number, &overflow);
     if (overflow == 0) {
