@@ -155,10 +155,9 @@ Py_ssize_t scan_in_place(const Query& query, PyObject* rows, Py_ssize_t start, R
         prefetch_rows(rows, i, looked_at);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
-        if (is_deleted(row)) continue;
         const Equality match = match_plain(row, *conditions);
+        if (match == Equality::unequal || is_deleted(row)) continue;
         if (match == Equality::unknown) break;
-        if (match == Equality::unequal) continue;
         const Ref row_dict = shape.make_dict(row);
         results.add(row_dict);
     }

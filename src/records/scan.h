@@ -100,9 +100,9 @@ inline Equality match_plain(PyObject* row, const std::vector<Condition>& conditi
 // speed at which it arrives. The value at `position` is what the walk looks at. Always inline: a compiler that finds a
 // function without effects leaves its calls out.
 [[gnu::always_inline]] inline void prefetch_rows(PyObject* rows, Py_ssize_t at, Py_ssize_t position) {
-    constexpr Py_ssize_t kLists = 24;
-    constexpr Py_ssize_t kItems = 16;
-    constexpr Py_ssize_t kValues = 8;
+    constexpr Py_ssize_t kLists = 32;
+    constexpr Py_ssize_t kItems = 20;
+    constexpr Py_ssize_t kValues = 10;
     if (at + kLists >= PyList_GET_SIZE(rows)) return;
     __builtin_prefetch(PyList_GET_ITEM(rows, at + kLists));
     PyObject* row = PyList_GET_ITEM(rows, at + kItems);
