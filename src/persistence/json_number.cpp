@@ -21,8 +21,9 @@ constexpr std::array<char, 200> kPairs = [] {
 }();
 
 char* write_unsigned(char* to, std::uint64_t value) {
-    std::array<char, kIntegerRoom> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled from the end
-    char* const end = digits.data() + digits.size();
+    constexpr std::size_t kMostDigits = 20;
+    std::array<char, 2 * kMostDigits> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled from the middle
+    char* const end = digits.data() + kMostDigits;
     char* at = end;
     while (value >= 100) {
         at -= 2;
@@ -35,9 +36,8 @@ char* write_unsigned(char* to, std::uint64_t value) {
     } else {
         *--at = static_cast<char>('0' + value);
     }
-    const auto length = static_cast<std::size_t>(end - at);
-    std::memcpy(to, at, length);
-    return to + length;
+    std::memcpy(to, at, kMostDigits);  // always as many, which takes no call
+    return to + (end - at);
 }
 
 char* write_text(char* to, std::string_view text) {

@@ -5,7 +5,7 @@
 
 namespace jdb::persistence {
 
-inline constexpr int kIntegerRoom = 20;
+inline constexpr int kIntegerRoom = 24;
 inline constexpr int kFloatRoom = 32;
 
 // Both write at `to`, which has the room named above, and return the end.

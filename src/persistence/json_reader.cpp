@@ -266,7 +266,7 @@ private:
     bool skip_plain() {
         std::size_t plain = sizeof(std::uint64_t);
         while (plain == sizeof(std::uint64_t) && end_ - at_ >= 8) {
-            plain = plain_bytes<std::uint64_t>(at_);
+            plain = bytes_before(special_bytes(load_word<std::uint64_t>(at_)));
             at_ += plain;
         }
         return at_ != end_;

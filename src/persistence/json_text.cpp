@@ -43,9 +43,10 @@ char* write_escape(char* to, unsigned character) {
 
 bool is_escaped(unsigned character) { return character < 0x20 || character == '"' || character == '\\'; }
 
-// Characters of any width as UTF-8, escaped where JSON asks for it; false at a lone surrogate.
+// Characters of any width as UTF-8, escaped where JSON asks for it; false at a lone surrogate. Not inlined, like all
+// that is rare here: what is frequent then keeps to few registers.
 template <class Character>
-bool write_characters(const Character* characters, std::size_t count, TextBuffer& text) {
+[[gnu::noinline]] bool write_characters(const Character* characters, std::size_t count, TextBuffer& text) {
     constexpr std::size_t kMostBytes = 6;
     constexpr std::size_t kStretch = 1024;
     while (count > 0) {
@@ -82,22 +83,29 @@ bool write_characters(const Character* characters, std::size_t count, TextBuffer
     return true;
 }
 
-// Copies the text as far as nothing in it needs care; how much that was. A word at a time, the last one reaching back
-// over bytes already copied.
+// Copies a text of one or two words, which may overlap; how much of it needs no care, or nothing of the second word.
 template <class Word>
-std::size_t copy_words(const char* from, std::size_t count, char* to) {
-    for (std::size_t done = 0;; done = std::min(done + sizeof(Word), count - sizeof(Word))) {
-        std::memcpy(to + done, from + done, sizeof(Word));
-        const std::size_t plain = done + plain_bytes<Word>(from + done);
-        if (plain == count || plain < done + sizeof(Word)) return plain;
-    }
+std::size_t copy_two_words(const char* from, std::size_t count, char* to) {
+    const std::size_t last = count - sizeof(Word);
+    const Word words[] = {load_word<Word>(from), load_word<Word>(from + last)};
+    std::memcpy(to, &words[0], sizeof(Word));
+    std::memcpy(to + last, &words[1], sizeof(Word));
+    const Word special[] = {special_bytes(words[0]), special_bytes(words[1])};
+    return (special[0] | special[1]) == 0 ? count : bytes_before(special[0]);
 }
 
+// Copies the text as far as nothing in it needs care; how much that is at least.
 std::size_t copy_plain(const char* from, std::size_t count, char* to) {
-    if (count >= sizeof(std::uint64_t)) return copy_words<std::uint64_t>(from, count, to);
-    if (count >= sizeof(std::uint32_t)) return copy_words<std::uint32_t>(from, count, to);
+    constexpr std::size_t kWord = sizeof(std::uint64_t);
     std::size_t done = 0;
-    for (; done < count && plain_bytes<std::uint8_t>(from + done) == 1; ++done) to[done] = from[done];
+    for (; count - done > 2 * kWord; done += kWord) {
+        const auto word = load_word<std::uint64_t>(from + done);
+        std::memcpy(to + done, &word, kWord);
+        if (const auto special = special_bytes(word); special != 0) return done + bytes_before(special);
+    }
+    if (count >= kWord) return done + copy_two_words<std::uint64_t>(from + done, count - done, to + done);
+    if (count >= sizeof(std::uint32_t)) return copy_two_words<std::uint32_t>(from, count, to);
+    for (; done < count && special_bytes(load_word<std::uint8_t>(from + done)) == 0; ++done) to[done] = from[done];
     return done;
 }
 
@@ -124,13 +132,7 @@ bool write_string(PyObject* string, TextBuffer& text) {
 
 // ---- Numbers and dates ----
 
-bool write_int(PyObject* number, TextBuffer& text) {
-    if (Py_SIZE(number) == 1) {  // the host's own digit, of some thirty bits
-        char* const to = text.reserve(kIntegerRoom);
-        const auto digit = reinterpret_cast<PyLongObject*>(number)->ob_digit[0];
-        text.advance(static_cast<std::size_t>(write_integer(to, digit) - to));
-        return true;
-    }
+[[gnu::noinline]] bool write_large_int(PyObject* number, TextBuffer& text) {
     int overflow = 0;
     const long long value = PyLong_AsLongLongAndOverflow(number, &overflow);
     if (overflow == 0) {
@@ -148,6 +150,14 @@ bool write_int(PyObject* number, TextBuffer& text) {
     const Ref digits = Ref::steal(converted);
     text.add({reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(converted)),
               static_cast<std::size_t>(PyUnicode_GET_LENGTH(converted))});
+    return true;
+}
+
+bool write_int(PyObject* number, TextBuffer& text) {
+    if (Py_SIZE(number) != 1) return write_large_int(number, text);  // more than one of the host's own digits
+    char* const to = text.reserve(kIntegerRoom);
+    const auto digit = reinterpret_cast<PyLongObject*>(number)->ob_digit[0];
+    text.advance(static_cast<std::size_t>(write_integer(to, digit) - to));
     return true;
 }
 
@@ -236,6 +246,23 @@ bool write_object(PyObject* dict, TextBuffer& text, int depth) {
     return true;
 }
 
+[[gnu::noinline]] bool write_other_value(PyObject* value, TextBuffer& text, int depth) {
+    PyTypeObject* type = Py_TYPE(value);
+    if (type == &PyList_Type) {
+        return write_array(
+            PyList_GET_SIZE(value), [&](Py_ssize_t i) { return PyList_GET_ITEM(value, i); }, text, depth);
+    }
+    if (type == &PyTuple_Type) {
+        return write_array(
+            PyTuple_GET_SIZE(value), [&](Py_ssize_t i) { return PyTuple_GET_ITEM(value, i); }, text, depth);
+    }
+    if (type == &PyDict_Type) return write_object(value, text, depth);
+    const bool date = is_date(value);
+    if (!date && !is_plain_date_time(value)) return false;
+    write_date(value, !date, text);
+    return true;
+}
+
 // Values of exactly the built-in types only: a subclass may bring its own text.
 bool write_value(PyObject* value, TextBuffer& text, int depth) {
     PyTypeObject* type = Py_TYPE(value);
@@ -249,20 +276,8 @@ bool write_value(PyObject* value, TextBuffer& text, int depth) {
         text.add("true");
     } else if (value == Py_False) {
         text.add("false");
-    } else if (type == &PyList_Type) {
-        return write_array(
-            PyList_GET_SIZE(value), [&](Py_ssize_t i) { return PyList_GET_ITEM(value, i); }, text, depth);
-    } else if (type == &PyTuple_Type) {
-        return write_array(
-            PyTuple_GET_SIZE(value), [&](Py_ssize_t i) { return PyTuple_GET_ITEM(value, i); }, text, depth);
-    } else if (type == &PyDict_Type) {
-        return write_object(value, text, depth);
-    } else if (is_date(value)) {
-        write_date(value, false, text);
-    } else if (is_plain_date_time(value)) {
-        write_date(value, true, text);
     } else {
-        return false;
+        return write_other_value(value, text, depth);
     }
     return true;
 }

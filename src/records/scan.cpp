@@ -163,10 +163,6 @@ bool has_plain_type(PyObject* object) {
            object == Py_None || reinterpret_cast<PyObject*>(type) == module_state.date_type;
 }
 
-Equality detail::compare_same_length(PyObject* stored, PyObject* wanted) {
-    return same_text(stored, wanted) ? Equality::equal : Equality::unequal;
-}
-
 Equality detail::compare_others(PyObject* stored, PyObject* wanted) {
     if (!has_plain_type(stored) || !has_plain_type(wanted)) return Equality::unknown;
     return equal(stored, wanted) ? Equality::equal : Equality::unequal;

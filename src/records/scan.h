@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "host/object.h"
@@ -115,7 +116,16 @@ inline Equality match_plain(PyObject* row, const std::vector<Condition>& conditi
 
 namespace detail {
 
-Equality compare_same_length(PyObject* stored, PyObject* wanted);  // two texts
+// Two texts of the same length. Those that are keys of an index bring their hash.
+inline Equality compare_same_length(PyObject* stored, PyObject* wanted) {
+    const auto hash_of = [](PyObject* text) { return reinterpret_cast<PyASCIIObject*>(text)->hash; };
+    if (hash_of(stored) != hash_of(wanted) && hash_of(stored) != -1 && hash_of(wanted) != -1) return Equality::unequal;
+    if (PyUnicode_KIND(stored) != PyUnicode_KIND(wanted)) return Equality::unequal;
+    const auto size = static_cast<std::size_t>(PyUnicode_GET_LENGTH(stored)) * PyUnicode_KIND(stored);
+    const bool same = std::memcmp(PyUnicode_DATA(stored), PyUnicode_DATA(wanted), size) == 0;
+    return same ? Equality::equal : Equality::unequal;
+}
+
 Equality compare_others(PyObject* stored, PyObject* wanted);
 
 }  // namespace detail
