@@ -5,8 +5,9 @@
 
 namespace jdb::persistence {
 
+// More than the longest texts take: digits are copied in blocks of one size.
 inline constexpr int kIntegerRoom = 24;
-inline constexpr int kFloatRoom = 32;
+inline constexpr int kFloatRoom = 48;
 
 // Both write at `to`, which has the room named above, and return the end.
 char* write_integer(char* to, std::int64_t value);
