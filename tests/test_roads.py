@@ -5,6 +5,7 @@ import copy
 import datetime
 import enum
 import functools
+import gc
 import io
 import json
 import math
@@ -160,6 +161,17 @@ class RoadsTest(DatabaseTest):
             found.append([(table.rows, [list(index.items()) for index in table.indexes.values()])
                           for table in self.db.tables.values()])
         self.assertTrue(found[0] == found[1], "the roads read different tables")
+
+        self.db.load()
+        self.assertEqual((gc.isenabled(), gc.get_freeze_count()), (True, 0))
+        self.assertLess(gc.get_count()[0], count, "the rows are left to the next collection")
+        gc.freeze()
+        try:
+            frozen = gc.get_freeze_count()
+            JSONDatatable(self.path)
+            self.assertGreaterEqual(gc.get_freeze_count(), frozen - 50, "what the host froze is frozen no more")
+        finally:
+            gc.unfreeze()
 
     def test_changes_between_calls(self):
         """What the fast roads remember of records and methods must not outlive it."""

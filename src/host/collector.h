@@ -15,8 +15,24 @@ public:
     CollectorPaused(const CollectorPaused&) = delete;
     CollectorPaused& operator=(const CollectorPaused&) = delete;
 
+    [[nodiscard]] bool was_enabled() const noexcept { return was_enabled_; }
+
 private:
     bool was_enabled_;
+};
+
+// The same, for making objects by the hundred thousand that stay. They would have grown old in the collections that
+// are left out, so they count as old from the start: the next collection does not walk them all. What was young before
+// is collected first; that may run host code and throws PythonError when the host could not do it.
+class LastingObjects {
+public:
+    LastingObjects();
+    ~LastingObjects();
+    LastingObjects(const LastingObjects&) = delete;
+    LastingObjects& operator=(const LastingObjects&) = delete;
+
+private:
+    CollectorPaused paused_;
 };
 
 }  // namespace jdb

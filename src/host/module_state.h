@@ -19,7 +19,11 @@ struct ModuleState {
     PyObject* json = nullptr;       // the module, and two functions of it, that the fast roads stand for
     PyObject* json_dump = nullptr;
     PyObject* json_load = nullptr;
-    PyObject* nan = nullptr;  // the object that json.load makes of NaN
+    PyObject* nan = nullptr;         // the object that json.load makes of NaN
+    PyObject* gc_collect = nullptr;  // of the module gc
+    PyObject* gc_freeze = nullptr;
+    PyObject* gc_unfreeze = nullptr;
+    PyObject* gc_get_freeze_count = nullptr;
 };
 
 inline constinit ModuleState module_state;

@@ -88,6 +88,11 @@ void bind_for_good(PyObject* module) {
     replace(module_state.string_io, Ref::steal(PyObject_GetAttrString(io, "StringIO")));
     replace(module_state.bytes_io, Ref::steal(PyObject_GetAttrString(io, "BytesIO")));
     replace(module_state.text_io_wrapper, Ref::steal(PyObject_GetAttrString(io, "TextIOWrapper")));
+    const Ref gc = Ref::steal(PyImport_ImportModule("gc"));
+    replace(module_state.gc_collect, Ref::steal(PyObject_GetAttrString(gc, "collect")));
+    replace(module_state.gc_freeze, Ref::steal(PyObject_GetAttrString(gc, "freeze")));
+    replace(module_state.gc_unfreeze, Ref::steal(PyObject_GetAttrString(gc, "unfreeze")));
+    replace(module_state.gc_get_freeze_count, Ref::steal(PyObject_GetAttrString(gc, "get_freeze_count")));
     persistence::import_date_types();
 }
 

@@ -2,8 +2,6 @@
 // objects are asked for their members by the host's rules, so that a file of the wrong shape fails with its errors.
 #include "persistence/load.h"
 
-#include <optional>
-
 #include "host/collector.h"
 #include "host/huge_pages.h"
 #include "host/module_state.h"
@@ -77,17 +75,24 @@ bool reads_as_imported(PyObject* json, PyObject* open) {
     return load == module_state.json_load;
 }
 
-// The fast road: false when the reader gives up, and nothing has changed. The collector looks for garbage again
-// when the tables stand, not among their half-made parts.
-bool load_natively(PyObject* self, PyObject* bytes) {
-    constexpr std::size_t kLarge = std::size_t{1} << 20U;
-    const std::string_view text(PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes)));
-    const CollectorPaused paused;
-    std::optional<HugePages> pages;
-    if (text.size() >= kLarge) pages.emplace();
+// False when the reader gives up, and nothing has changed.
+bool load_text(PyObject* self, std::string_view text) {
     const Ref document = read_json(text);
     if (document) replace_tables(self, document);
     return static_cast<bool>(document);
+}
+
+// The fast road. The collector looks for garbage again when the tables stand, not among their half-made parts.
+bool load_natively(PyObject* self, PyObject* bytes) {
+    constexpr std::size_t kLarge = std::size_t{1} << 20U;
+    const std::string_view text(PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes)));
+    if (text.size() < kLarge) {
+        const CollectorPaused paused;
+        return load_text(self, text);
+    }
+    const LastingObjects made;
+    const HugePages pages;
+    return load_text(self, text);
 }
 
 void load_bytes(PyObject* self, PyObject* json, PyObject* bytes) {
