@@ -32,7 +32,7 @@ PATH = "database.json"
 class FaultTest(unittest.TestCase):
     def in_child(self, function, *arguments):
         call = f"{function.__name__}, *{arguments}"
-        with tempfile.TemporaryDirectory(dir="/dev/shm" if os.path.isdir("/dev/shm") else None) as folder:
+        with tempfile.TemporaryDirectory(dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None) as folder:
             data = os.path.join(folder, "data")
             os.mkdir(data)
             preload = ":".join(filter(None, (os.environ.get("LD_PRELOAD"), LIBRARY)))
