@@ -82,6 +82,7 @@ function(cpython310_list_candidates)
 
     string(REPLACE ":" ";" path "$ENV{PATH}")
     list(APPEND path /usr/local/bin /usr/bin)
+    list(FILTER path EXCLUDE REGEX "^/bin/?$") # /usr/bin once more, or without a Python
     foreach(name IN ITEMS python3.10 python3 python)
         foreach(dir IN LISTS path)
             if(EXISTS "${dir}/${name}")
@@ -118,12 +119,16 @@ elseif(NOT facts)
     if(cpython310_rejected MATCHES "without its C headers")
         set(cure "\n  - ${cpython310_get_headers}; the interpreter is there already")
     endif()
+    set(seen "No Python at all is on the PATH.")
+    if(cpython310_rejected)
+        set(seen "Looked at:${cpython310_rejected}")
+    endif()
     message(FATAL_ERROR
         "No usable CPython 3.10 was found. One of these helps:${cure}\n"
         "  - install it from the distribution, with headers: python3.10 and python3.10-dev\n"
         "  - pyenv install 3.10\n"
         "  - say where it is: -DPython_ROOT_DIR=<folder that has bin/python3.10>, or -DPython_EXECUTABLE=<file>\n"
-        "Looked at:${cpython310_rejected}")
+        "${seen}")
 endif()
 
 list(GET facts 0 cpython310_version)
