@@ -1,5 +1,5 @@
-# Targets that run a program of the source tree on the package folder: `example`, `bench`, and `bench_docs`, which
-# measures at length and brings docs/performance.md and its chart up to date.
+# Targets that run a program of the source tree on the package folder: `example`, `bench`, `bench_import`, and
+# `bench_docs`, which measures at length and brings docs/performance.md and its chart up to date.
 
 # Each run starts in a new, empty folder of the build tree: nothing is left over from the last one.
 function(json_database_run_target name script)
@@ -18,4 +18,5 @@ endfunction()
 
 json_database_run_target(example examples/inventory.py)
 json_database_run_target(bench bench/run.py)
+json_database_run_target(bench_import bench/import_time.py)
 json_database_run_target(bench_docs bench/run.py --million --docs "${PROJECT_SOURCE_DIR}/docs")
