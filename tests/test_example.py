@@ -1,37 +1,16 @@
-"""What the example prints, run as a program of its own in an empty folder that it leaves empty."""
+"""The example runs as a program of its own, in an empty folder and again, and prints what the README shows."""
 
-import os
 import pathlib
-import unittest
+import re
 
 from support import DatabaseTest, run_python
 
-EXAMPLE = pathlib.Path(__file__).resolve().parent.parent / "examples" / "inventory.py"
-PRINTED = """\
-Refused: Duplicate value for unique column 'code'
-Refused: Value for column 'code' doesn't match validation pattern
-Refused: Invalid number value for column 'price'
-Refused: Column 'name' is required
-[{'code': 'TE-101', 'name': 'Green tea', 'stock': 38, 'price': 4.5, 'on_sale': True, 'counted': None}]
-[{'name': 'Green tea', 'stock': 38}, {'name': 'Large mug', 'stock': 0}]
-
-code   | name      | stock | price | on_sale | counted
----------------------------------------------------------
-TE-101 | Green tea | 38    | 4.5   | True    | None
-CO-201 | Coffee    | 12    | None  | False   | 2024-03-15
-MU-302 | Large mug | 0     | 7.5   | True    | None
-
-Showing 3 of 3 rows
-
-"""
+ROOT = pathlib.Path(__file__).resolve().parent.parent
 
 
 class Example(DatabaseTest):
     def test_output(self):
-        printed = run_python(EXAMPLE.read_text(), folder=self.folder)
-        self.assertEqual([line.rstrip() for line in printed], PRINTED.splitlines())
-        self.assertEqual(os.listdir(self.folder), [])
-
-
-if __name__ == "__main__":
-    unittest.main()
+        shown, = re.findall(r"^```text\n(.*?)\n```$", (ROOT / "README.md").read_text(), re.MULTILINE | re.DOTALL)
+        first, again = (run_python((ROOT / "examples/inventory.py").read_text(), self.folder) for _ in range(2))
+        self.assertEqual([line.rstrip() for line in first], [*shown.split("\n"), ""])
+        self.assertEqual(again[-len(shown.split("\n")) + 1:], first[2:])
