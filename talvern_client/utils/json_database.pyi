@@ -75,7 +75,7 @@ class JSONDatatable:
 
         Raises ValueError when the table is unknown, or when a value is missing though required, can't be converted,
         doesn't match the pattern, or is held by another row though unique; TypeError when a value of a unique column
-        can't be hashed; what else a conversion raises, such as OverflowError for an infinite number.
+        can't be hashed; OverflowError for an infinite number; re.error when the pattern is no regular expression.
         Writes the file.
         """
 
