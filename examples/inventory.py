@@ -16,7 +16,6 @@ for code, name in ("TE-101", "Green tea"), ("MU-301", "Mug"), ("TE-101", "Black 
     except ValueError as error:
         print("Refused:", error)
 db.update("items", 0, {**db.get_row("items", 0), "stock": "38"})
-
 db = JSONDatatable("inventory.json")  # as after a restart: each change was on the disk when its call returned
 print(db.select("items", {"code": "TE-101"}))
 db.display_table("items")
