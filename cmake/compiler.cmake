@@ -1,0 +1,30 @@
+# Enables C++ with a compiler that has what the module needs of C++20, or stops and says which one does.
+
+include(CheckLanguage)
+check_language(CXX)
+if(NOT CMAKE_CXX_COMPILER)
+    unset(CMAKE_CXX_COMPILER CACHE) # so that the next run looks again
+    message(FATAL_ERROR "No C++ compiler was found. Install one (g++ or clang on Debian and Ubuntu, gcc-c++ or clang on "
+        "Fedora), or say where it is: -DCMAKE_CXX_COMPILER=<file>")
+endif()
+enable_language(CXX)
+
+include(CheckCXXSourceCompiles)
+
+# The parts that came last. A version number would not do: clang has the library of the GCC beside it.
+function(json_database_check_compiler)
+    set(CMAKE_CXX_STANDARD 20)
+    set(CMAKE_REQUIRED_QUIET ON)
+    check_cxx_source_compiles("
+        #include <charconv>
+        constinit double number = 0;
+        int main(int, char** texts) { return std::from_chars(texts[0], texts[1], number).ec != std::errc(); }
+        " JSON_DATABASE_COMPILER_SUITS)
+    if(NOT JSON_DATABASE_COMPILER_SUITS)
+        unset(JSON_DATABASE_COMPILER_SUITS CACHE)
+        message(FATAL_ERROR "${CMAKE_CXX_COMPILER} (${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}) lacks parts of "
+            "C++20 or of its library. Install GCC 11 or newer, or clang 11 or newer beside that GCC's library, and name "
+            "it: CXX=g++-11 cmake --fresh --preset release")
+    endif()
+endfunction()
+json_database_check_compiler()
