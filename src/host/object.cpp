@@ -118,6 +118,7 @@ Iteration::Iteration(PyObject* iterable)
                                                                           : Ref::steal(PyObject_GetIter(iterable))) {}
 
 Ref Iteration::next() {
+    signals_.step();
     PyObject* source = source_;
     if (PyList_CheckExact(source)) {
         if (position_ >= PyList_GET_SIZE(source)) return {};

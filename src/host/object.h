@@ -61,8 +61,22 @@ Ref call(PyObject* callable, std::initializer_list<PyObject*> positional, std::i
 Ref call_method(PyObject* object, PyObject* name, std::initializer_list<PyObject*> positional = {},
                 std::initializer_list<Keyword> keywords = {});
 
+// Asks for pending signals once in so many steps of a long walk, their handlers being host code, and raises what they
+// raise: an interrupt from the keyboard is not to wait for the end.
+class SignalCheck {
+public:
+    static constexpr Py_ssize_t kSteps = 4096;
+
+    void step() {
+        if (++steps_ % kSteps == 0) check(PyErr_CheckSignals());
+    }
+
+private:
+    Py_ssize_t steps_ = 0;
+};
+
 // `for item in iterable`: a range of owned items. A list or a tuple is walked in place, its size read anew at
-// each step, as the host's own iterators do.
+// each step, as the host's own iterators do. Signals are asked for on the way.
 class Iteration {
 public:
     explicit Iteration(PyObject* iterable);
@@ -90,6 +104,7 @@ private:
 
     Ref source_;  // the list or tuple itself, otherwise the host's iterator
     Py_ssize_t position_ = 0;
+    SignalCheck signals_;
 };
 
 }  // namespace jdb

@@ -174,6 +174,7 @@ private:
     }
 
     Ref read_value(int depth, std::size_t column) {
+        signals_.step();
         skip_space();
         if (at_ == end_) return {};
         switch (*at_) {
@@ -402,6 +403,7 @@ private:
     std::size_t rows_texts_ = 0;                     // where those of the table's rows begin
     std::vector<Ref> waiting_;
     std::string unescaped_;
+    SignalCheck signals_;
 };
 
 }  // namespace

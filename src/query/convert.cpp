@@ -60,7 +60,7 @@ bool matches(PyObject* table, PyObject* row, std::vector<Wanted>& entries) {
 }
 
 // The fast road past rows that are certain not to match: the first position from `start` on whose row needs a
-// closer look, or the end. It is open while reading the columns runs no host code.
+// closer look, or where this stretch of the walk ends. It is open while reading the columns runs no host code.
 Py_ssize_t skip_unmatched(PyObject* table, PyObject* rows, const std::vector<Wanted>& entries, Py_ssize_t start) {
     const ScanColumns* columns = ScanColumns::of(table);
     if (columns == nullptr) return start;
@@ -72,7 +72,7 @@ Py_ssize_t skip_unmatched(PyObject* table, PyObject* rows, const std::vector<Wan
     }
     const Py_ssize_t looked_at = conditions.empty() ? 0 : std::max<Py_ssize_t>(conditions.front().position, 0);
     Py_ssize_t i = start;
-    for (; i < PyList_GET_SIZE(rows); ++i) {
+    for (const Py_ssize_t end = stretch_end(rows, start); i < end; ++i) {
         prefetch_rows(rows, i, looked_at);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
@@ -95,6 +95,7 @@ Ref find_by_scan(PyObject* table, PyObject* rows, std::vector<Wanted>& entries) 
         if (row_id >= PyList_GET_SIZE(rows)) return Ref::none();
         const Ref row = get_item(rows, row_id);
         if (!is_deleted(row) && matches(table, row, entries)) return integer(row_id);
+        check(PyErr_CheckSignals());
     }
 }
 

@@ -137,7 +137,7 @@ bool may_scan_in_place(const Query& query) {
            (query.columns == Py_None || are_plain_names(query.columns));
 }
 
-// Scans from `start` on, as far as that runs no host code: the position of the first row not dealt with, or the end.
+// Scans a stretch from `start` on, as far as that runs no host code: the position of the first row not dealt with.
 Py_ssize_t scan_in_place(const Query& query, PyObject* rows, Py_ssize_t start, Results& results) {
     if (!may_scan_in_place(query)) return start;
     ScanColumns* columns = ScanColumns::of(query.table);
@@ -151,7 +151,7 @@ Py_ssize_t scan_in_place(const Query& query, PyObject* rows, Py_ssize_t start, R
     RowShape& shape = projection ? *projection : columns->shape();
     const Py_ssize_t looked_at = conditions->empty() ? 0 : std::max<Py_ssize_t>(conditions->front().position, 0);
     Py_ssize_t i = start;
-    for (; i < PyList_GET_SIZE(rows) && !results.full(); ++i) {
+    for (const Py_ssize_t end = stretch_end(rows, start); i < end && !results.full(); ++i) {
         prefetch_rows(rows, i, looked_at);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
@@ -181,6 +181,7 @@ Ref select_scanned(const Query& query, PyObject* limit) {
         const Ref row = get_item(rows, i);
         select_row(query, row, results);
         if (results.full()) return results.list();
+        check(PyErr_CheckSignals());
     }
 }
 

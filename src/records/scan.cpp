@@ -146,12 +146,14 @@ Py_ssize_t count_live(PyObject* rows) {
         for (const Ref& row : Iteration(rows)) count += is_deleted(row) ? 0 : 1;
         return count;
     }
+    SignalCheck signals;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows); ++i) {
         prefetch_rows(rows, i, 0);
         PyObject* row = PyList_GET_ITEM(rows, i);
         // Only a row that is no list is asked by host code, which may drop it.
         const Ref held = PyList_CheckExact(row) ? Ref{} : Ref::borrow(row);
         count += is_deleted(row) ? 0 : 1;
+        signals.step();
     }
     return count;
 }

@@ -2,6 +2,7 @@
 // values where they lie and makes dictionaries only for rows that are returned.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -95,6 +96,11 @@ inline Equality match_plain(PyObject* row, const std::vector<Condition>& conditi
         if (result != Equality::equal) return result;
     }
     return Equality::equal;
+}
+
+// Where a walk from `start` on that can't stop for signals has to end, to be taken up again after they were asked for.
+inline Py_ssize_t stretch_end(PyObject* rows, Py_ssize_t start) {
+    return std::min(PyList_GET_SIZE(rows), start + SignalCheck::kSteps);
 }
 
 // Asks the processor for the memory that the rows a little behind this one will need: a large table is walked at the

@@ -85,8 +85,8 @@ void compare_row(const Candidate& candidate, PyObject* row) {
 }
 
 // The fast road past rows that are certain not to hold the value: the first position from `start` on whose row needs
-// a closer look, or the end. It is open while nobody has redefined how a row becomes a dictionary and reading the
-// columns runs no host code.
+// a closer look, or where this stretch of the walk ends. It is open while nobody has redefined how a row becomes a
+// dictionary and reading the columns runs no host code.
 Py_ssize_t skip_different(const Candidate& candidate, PyObject* rows, Py_ssize_t start) {
     if (!has_original(candidate.self, names::row_to_dict) || !PyUnicode_CheckExact(candidate.column_name)) return start;
     const ScanColumns* columns = ScanColumns::of(candidate.table);
@@ -94,7 +94,7 @@ Py_ssize_t skip_different(const Candidate& candidate, PyObject* rows, Py_ssize_t
     const Py_ssize_t position = columns->last(candidate.column_name);
     if (position < 0) return start;
     Py_ssize_t i = start;
-    for (; i < PyList_GET_SIZE(rows); ++i) {
+    for (const Py_ssize_t end = stretch_end(rows, start); i < end; ++i) {
         prefetch_rows(rows, i, position);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
@@ -116,6 +116,7 @@ void refuse_duplicate(const Candidate& candidate) {
         if (i >= PyList_GET_SIZE(list)) return;
         const Ref row = get_item(rows, i);
         compare_row(candidate, row);
+        check(PyErr_CheckSignals());
     }
 }
 
