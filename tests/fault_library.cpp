@@ -14,7 +14,7 @@
 
 namespace {
 
-enum class Action : int { off, fail, shorten, interrupt, kill_before, kill_after, no_memory };
+enum class Action : int { off, fail, shorten, interrupt, kill_before, kill_after, no_memory, predict };
 
 Action action = Action::off;
 int first = 0;
@@ -36,6 +36,12 @@ void note(std::string_view name) {
     names[used + name.size() + 1] = '\0';
 }
 
+// Whether the thread keeps the interpreter's other threads from running.
+bool holds_lock() {
+    static const auto check = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "PyGILState_Check"));
+    return check != nullptr && check() != 0;
+}
+
 [[noreturn]] void die() {
     kill(getpid(), SIGKILL);
     for (;;) pause();
@@ -45,8 +51,8 @@ void note(std::string_view name) {
 template <class Result, class... Arguments>
 Result pass(const char* name, const char* noted, Arguments... arguments) {
     const auto real = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name));
-    if (action == Action::off || action == Action::no_memory) return real(arguments...);
-    note(noted);
+    if (action == Action::off || action == Action::no_memory || action == Action::predict) return real(arguments...);
+    note(holds_lock() ? "locked" : noted);
     if (!due()) return real(arguments...);
     if (action == Action::kill_before) die();
     if (action == Action::fail || (action == Action::interrupt && std::strcmp(name, "close") != 0)) {
@@ -123,6 +129,7 @@ ssize_t readlink(const char* path, char* text, size_t size) {
     return pass<ssize_t>("readlink", "readlink", path, text, size);
 }
 ssize_t getrandom(void* bytes, size_t size, unsigned flags) {
+    if (action == Action::predict && due()) return static_cast<ssize_t>(std::memset(bytes, 0, size) ? size : 0);
     return pass<ssize_t>("getrandom", "getrandom", bytes, size, flags);
 }
 

@@ -99,15 +99,13 @@ ODD = [
 UNWRITABLE = [lambda: "\ud800", lambda: Failing("str"), lambda: {(1, 2): 3}, lambda: [{date(2024, 3, 15): 1}]]
 NUMBERS = [1.9, -0.5, True, Whole(1), 10 ** 30, -2 ** 64, Fraction(3, 2), Indexed(1), Floating(1.5), Decimal("2.7"), 1j,
            "1", None, float("nan"), float("inf")]
-DAMAGE = [lambda: None, lambda: 1, lambda: True, lambda: 2.5, lambda: "id", lambda: [], lambda: {}, lambda: [1],
-          lambda: {"a": [0]}, lambda: [[1, "a"], [None]], lambda: {"name": "id", "data_type": "number"}]
 TABLES = ["t", "second", "é"]
 FILES = ["database.json", "other.json", "folder", "none/x.json", "a\0b", "\ud800", None]
 STEPS = {
     "create_table": 3, "insert": 24, "update": 14, "clear_table": 0.5, "delete": 6, "select": 16, "get_row": 4,
     "_build_indexes": 1, "_build_index": 1, "_row_to_dict": 2, "_validate_row": 4, "_dict_to_row_id": 5,
     "_project_row": 2, "save": 1, "load": 2, "display_table": 4, "__init__": 0.2, "fill": 0.06, "edit": 5, "reopen": 2,
-    "copy": 1, "move": 0.5, "damage": 1}
+    "copy": 1, "move": 0.5}
 
 # What a redefined method makes of the original's result.
 TWISTS = {
@@ -347,31 +345,6 @@ class Step:
         self.db.filename = self.choose(FILES if self.db.filename in FILES[:2] else FILES[:1])
         self.given = [self.db.filename]
         os.makedirs("folder", exist_ok=True)
-
-    def damage(self):
-        """Changes the file somewhere and reads it."""
-        text = Path(self.db.filename).read_bytes()
-        at = self.draw.randrange(len(text) + 1)
-        if self.chance(.8):
-            text = json.dumps(self.damaged(json.loads(text))).encode()
-        else:
-            text = self.choose([text[:at], text[:at] + b"\xff" + text[at:], b"\xef\xbb\xbf" + text, text + b"{",
-                                b" " + text + b"\n", b""])
-        Path(self.db.filename).write_bytes(text)
-        self.given = [text]
-        self.choose([self.reopen, self.db.load])()
-
-    def damaged(self, item, depth=0):
-        """The item with one change at a random place in it."""
-        keys = list(item) if isinstance(item, dict) else range(len(item)) if isinstance(item, list) else ()
-        if not keys or self.chance(.15) and depth:
-            return self.choose(DAMAGE)()
-        key = self.choose(keys)
-        if self.chance(.2):
-            del item[key]
-        else:
-            item[key] = self.damaged(item[key], depth + 1)
-        return item
 
     # Redefined methods and module names
 

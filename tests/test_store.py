@@ -1,4 +1,4 @@
-"""Methods redefined by others, and what a failing change leaves behind."""
+"""Methods redefined by others."""
 
 import contextlib
 import functools
@@ -56,32 +56,6 @@ class Redefinition(DatabaseTest):
             for where in ("class", "subclass", "instance", "look-up") if expected else ():
                 with self.subTest(name, where=where, number=number):
                     self.assertEqual(self.calls(JSONDatatable, name, where, act), expected)
-
-
-class TakenBack(DatabaseTest):
-    def setUp(self):
-        super().setUp()
-        self.rows = self.table(optional("plain", validation_pattern="p"), unique("a"), unique("b"), rows=[
-            ("p", "x", 1), ("p", None, 2), (None, None, None), (None, "y", None)]).rows
-
-    def test_update(self):
-        def interrupted(*args, **keywords):
-            self.assertNotIn(row_id, itertools.chain(*self.db.tables["t"].indexes["a"].values()))
-            raise KeyboardInterrupt
-
-        for row_id, row in enumerate(self.rows):
-            for stage, error, data, validate in (
-                    ("validation", ValueError, {"a": "new", "plain": "other"}, None),
-                    ("validation", KeyboardInterrupt, {}, interrupted),
-                    ("row", KeyError, {}, lambda *_, **__: {"plain": 1, "a": "new"}),
-                    ("first index", TypeError, {"a": []}, None),
-                    ("second index", TypeError, {"a": "new", "b": []}, None),
-                    ("second index", TypeError, {"a": None, "b": {}}, None)):
-                replaced = mock.patch.object(self.db, "_validate_row", validate)
-                with self.subTest(stage, error=error, row=row), replaced if validate else contextlib.nullcontext():
-                    with self.unchanged(error):
-                        self.db.update("t", row_id, data)
-                self.assertIs(self.rows[row_id], row)
 
 
 if __name__ == "__main__":

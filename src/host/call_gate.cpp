@@ -11,7 +11,10 @@ namespace {
 
 constexpr int kMostMilliseconds = 2000;
 
-[[gnu::tls_model("initial-exec")]] thread_local int depth = 0;  // of calls on this thread; read at every call
+// How deep the calls on this thread are nested. The model is for speed, and for what the C++ library keeps for each
+// thread that throws: it lies in the same block, which the loader thus provides with the thread instead of asking for
+// memory at the first throw, and ending the process where there is none.
+[[gnu::tls_model("initial-exec")]] thread_local int depth = 0;
 int threads_inside = 0;
 bool closed = false;
 unsigned long closing_thread = 0;
