@@ -371,6 +371,19 @@ for special, honest in {
     setattr(Hostile if special in ("__int__", "__index__", "__float__") else HostilePath, special, method)
 
 
+class Spelt(str):
+    """An attribute's name that has a say in its look-up."""
+
+    __hash__ = str.__hash__
+
+    def __eq__(self, other):
+        return stage.answer(lambda: str.__eq__(self, other))
+
+
+def respell(record, name):
+    vars(record)[Spelt(name)] = vars(record).pop(name)
+
+
 PLANTS = {
     "argument": None,
     "value": lambda db: operator.setitem(table(db).rows[1], 2, Hostile()),
@@ -384,6 +397,9 @@ PLANTS = {
         "name", "data_type", "required", "unique", "default", "validation_pattern")},
     **{f"the table's {field}": lambda db, field=field: setattr(table(db), field, Hostile()) for field in (
         "name", "columns", "rows", "indexes")},
+    **{f"respelt {name}": lambda db, name=name: respell(table(db).columns[1], name) for name in ("name", "unique")},
+    **{f"respelt {name}": lambda db, name=name: respell(table(db), name) for name in ("columns", "rows", "indexes")},
+    "respelt tables": lambda db: respell(db, "tables"),
     "filename": lambda db: setattr(db, "filename", HostilePath()),
     "tables": lambda db: setattr(db, "tables", Hostile()),
     **{f"redefined {name}": lambda db, name=name: setattr(db, name, lambda *args, **names: stage.answer(Hostile))
@@ -393,7 +409,8 @@ PLANTS = {
 }
 
 
-OFTENER = {("keys", "raise"): 0.5, ("keys", "clear indexes"): 0.5, ("argument", "clear arguments"): 1}
+OFTENER = {("keys", "raise"): 0.5, ("keys", "clear indexes"): 0.5, ("argument", "clear arguments"): 1,
+           ("respelt name", "clear columns"): 1}
 
 
 def hostile_objects(cases, share):

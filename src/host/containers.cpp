@@ -14,8 +14,20 @@ struct DictKeys {
     Py_ssize_t usable;  // how many more entries fit
 };
 
-Py_ssize_t room(PyObject* dict) {
-    return reinterpret_cast<DictKeys*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys)->usable;
+DictKeys* keys_of(PyObject* dict) {
+    return reinterpret_cast<DictKeys*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys);
+}
+
+Py_ssize_t room(PyObject* dict) { return keys_of(dict)->usable; }
+
+// How a dictionary looks up that has had other keys than exact strings.
+void* general_look_up() {
+    static void* const look_up = [] {
+        const Ref dict = new_dict();
+        set_item(dict, Py_None, Py_None);
+        return keys_of(dict)->look_up;
+    }();
+    return look_up;
 }
 
 }  // namespace
@@ -56,6 +68,16 @@ void dict_make_room(PyObject* dict, Py_ssize_t keys) {
         set_item(dict, key, Py_None);
         passing.keys.push_back(std::move(key));
     }
+}
+
+bool has_text_keys(PyObject* dict) {
+    if (keys_of(dict)->look_up != general_look_up()) return true;
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    while (PyDict_Next(dict, &position, &key, nullptr) != 0) {
+        if (!PyUnicode_CheckExact(key)) return false;
+    }
+    return true;
 }
 
 }  // namespace jdb

@@ -1,5 +1,6 @@
-// Changes to the host's lists and dictionaries that can be taken back without asking for memory. They know how this
-// interpreter lays its containers out, and nothing else in the module does so to write to them.
+// Changes to the host's lists and dictionaries that can be taken back without asking for memory, and questions that run
+// no host code. They know how this interpreter lays its containers out, and nothing else in the module does so to write
+// to them.
 #pragma once
 
 #include "host/object.h"
@@ -17,5 +18,8 @@ void dict_make_room(PyObject* dict, Py_ssize_t keys);
 
 // A number that changes with every change of the dictionary, and that no other dictionary has.
 inline std::uint64_t dict_version(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag; }
+
+// Whether all keys of a dictionary are exactly strings, so that looking up another such one runs no host code.
+bool has_text_keys(PyObject* dict);
 
 }  // namespace jdb

@@ -1,6 +1,6 @@
 // Certainty comes from three facts: the type looks attributes up in the ordinary way, it has no descriptor that would
-// go before the instance's dictionary, and keys that are exact strings are compared without host code. What was found
-// holds for as long as the object's stamp is the same.
+// go before the instance's dictionary, and all names that are compared are exact strings, the class's as the
+// instance's. What was found holds for as long as the object's stamp is the same.
 #include "records/fields.h"
 
 #include <array>
@@ -19,10 +19,18 @@ std::array<Original, 3> originals{{{names::row_to_dict, nullptr, nullptr, {}},
                                    {names::project_row, nullptr, nullptr, {}},
                                    {names::dict_to_row_id, nullptr, nullptr, {}}}};
 
+bool has_text_names(PyTypeObject* type) {
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(type->tp_mro); ++i) {
+        if (!has_text_keys(reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(type->tp_mro, i))->tp_dict)) return false;
+    }
+    return true;
+}
+
 PyObject* own_dict(PyObject* object) {
-    if (Py_TYPE(object)->tp_getattro != &PyObject_GenericGetAttr) return nullptr;
+    PyTypeObject* type = Py_TYPE(object);
+    if (type->tp_getattro != &PyObject_GenericGetAttr || !has_text_names(type)) return nullptr;
     PyObject** dict = _PyObject_GetDictPtr(object);
-    return dict == nullptr ? nullptr : *dict;
+    return dict == nullptr || *dict == nullptr || !has_text_keys(*dict) ? nullptr : *dict;
 }
 
 PyObject* look_up(PyObject* dict, PyObject* name) {
@@ -32,9 +40,9 @@ PyObject* look_up(PyObject* dict, PyObject* name) {
 }
 
 bool redefines(PyObject* self, const Original& original) {
-    if (_PyType_Lookup(Py_TYPE(self), original.name) != original.function) return true;
     PyObject* dict = own_dict(self);
-    return dict == nullptr || look_up(dict, original.name) != nullptr;
+    if (dict == nullptr || _PyType_Lookup(Py_TYPE(self), original.name) != original.function) return true;
+    return look_up(dict, original.name) != nullptr;
 }
 
 PyObject* find_own_field(PyObject* record, Name& field) {
