@@ -62,11 +62,13 @@ Outcome run(SystemCall system_call) {
     throw PythonError{};
 }
 
-std::string read_link(const std::string& path, PyObject* name) {
+// What the link says; `error` is set where it can't be read.
+std::string read_link(const std::string& path, int& error) {
     std::array<char, 4096> text{};
     const Outcome read = run([&] { return readlink(path.c_str(), text.data(), text.size()); });
-    if (read.error != 0) raise_os_error(read.error, name);
-    if (static_cast<std::size_t>(read.result) == text.size()) raise_os_error(ENAMETOOLONG, name);
+    error = read.error;
+    if (error != 0) return {};
+    if (static_cast<std::size_t>(read.result) == text.size()) error = ENAMETOOLONG;
     return {text.data(), static_cast<std::size_t>(read.result)};
 }
 
@@ -74,22 +76,25 @@ std::string read_link(const std::string& path, PyObject* name) {
 std::string directory_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
 // The path behind any links in its last place, which may lead to nothing yet; what lies there goes into `status`.
-std::string follow_links(std::string path, struct stat& status, PyObject* name) {
+// `error` is set where they can't be followed.
+std::string follow_links(std::string path, struct stat& status, int& error) {
     for (int links = 0; links <= kMostLinks; ++links) {
         const Outcome found = run([&] { return lstat(path.c_str(), &status); });
-        if (found.error != 0 && found.error != ENOENT) raise_os_error(found.error, name);
-        if (found.error == ENOENT || !S_ISLNK(status.st_mode)) return path;
-        const std::string link = read_link(path, name);
+        error = found.error == ENOENT ? 0 : found.error;
+        if (found.error != 0 || !S_ISLNK(status.st_mode)) return path;
+        const std::string link = read_link(path, error);
+        if (error != 0) return path;
         path = link.starts_with('/') ? std::string() : directory_of(path);
         path += link;
     }
-    raise_os_error(ELOOP, name);
+    error = ELOOP;
+    return path;
 }
 
 // Finds the regular file, or the place for a new one, that the path leads to; false when it leads to something else.
 bool find_file(const std::string& path, ReplaceTarget& target) {
-    // A link may lead where no path does, as those in /proc to open files. Another process that is replacing the file
-    // right now makes it look so for a moment, but not many times in a row.
+    // A link may lead where no path does or may be walked, as those in /proc to open files. Another process that is
+    // replacing the file right now makes it look so for a moment, but not many times in a row.
     for (int tries = 0; tries < kMostNames; ++tries) {
         struct stat opened {};
         const Outcome found = run([&] { return stat(path.c_str(), &opened); });
@@ -98,7 +103,10 @@ bool find_file(const std::string& path, ReplaceTarget& target) {
         if (target.exists && !S_ISREG(opened.st_mode)) return false;
 
         struct stat last {};
-        const std::string end = follow_links(path, last, target.name);
+        int error = 0;
+        const std::string end = follow_links(path, last, error);
+        if (error == EACCES && target.exists) return false;
+        if (error != 0) raise_os_error(error, target.name);
         if (end.ends_with('/')) return false;
         target.directory = directory_of(end);
         target.file = end.substr(target.directory.size());
