@@ -170,7 +170,7 @@ class RoadsTest(DatabaseTest):
             lambda: setattr(columns()[1], "__class__", type("Other", (), {"name": "other"}))]
 
         def patched(*args):
-            patches.enter_context(mock.patch.object(*args, create=True))
+            patches.enter_context(mock.patch.object(*args, create=not hasattr(*args[:2])))
 
         for number, change in enumerate(changes):
             with self.subTest(number=number), contextlib.ExitStack() as patches:

@@ -21,6 +21,9 @@ bool active = false;
 char* next = nullptr;  // the part of the last mapping that no arena has been cut from yet
 std::size_t left = 0;
 
+// How far it is from there to where a huge page can begin.
+std::size_t gap(const char* start) { return -reinterpret_cast<std::uintptr_t>(start) % kHugePage; }
+
 void unmap(char* start, std::size_t size) {
     if (size > 0) munmap(start, size);
 }
@@ -31,12 +34,12 @@ bool map_huge_page() {
     void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapped == MAP_FAILED) return false;
     char* const start = static_cast<char*>(mapped);
-    const std::size_t before = (kHugePage - reinterpret_cast<std::uintptr_t>(mapped) % kHugePage) % kHugePage;
+    const std::size_t before = gap(start);
     unmap(start, before);
     unmap(start + before + kHugePage, size - before - kHugePage);
     next = start + before;
     left = kHugePage;
-    madvise(next, left, MADV_HUGEPAGE);  // a system without them gives ordinary pages
+    prefer_huge_pages(next, left);
     return true;
 }
 
@@ -65,6 +68,12 @@ bool is_interpreters_own(const PyObjectArenaAllocator& allocator) {
 }
 
 }  // namespace
+
+void prefer_huge_pages(char* start, std::size_t size) noexcept {
+    const std::size_t before = gap(start);
+    if (size < before + kHugePage) return;
+    madvise(start + before, (size - before) / kHugePage * kHugePage, MADV_HUGEPAGE);  // only a wish
+}
 
 HugePages::HugePages() noexcept {
     PyObjectArenaAllocator current{};

@@ -13,6 +13,7 @@ struct ModuleState {
     PyObject* print = nullptr;     // owned, as all that follow; the built-ins as import found them
     PyObject* open = nullptr;
     PyObject* string_io = nullptr;  // of the module io
+    PyObject* buffered_reader = nullptr;
     PyObject* bytes_io = nullptr;
     PyObject* text_io_wrapper = nullptr;
     PyObject* date_type = nullptr;  // datetime.date

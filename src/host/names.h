@@ -28,6 +28,7 @@ namespace names {
 
 // Attributes of the database object and its records; they are the member names of the file as well.
 inline constinit Name filename{"filename"};
+inline constinit Name fileno{"fileno"};
 inline constinit Name tables{"tables"};
 inline constinit Name name{"name"};
 inline constinit Name columns{"columns"};
@@ -84,6 +85,7 @@ inline constinit Name loads{"loads"};
 inline constinit Name match{"match"};
 inline constinit Name path{"path"};
 inline constinit Name read{"read"};
+inline constinit Name readinto{"readinto"};
 inline constinit Name register_{"register"};
 inline constinit Name remove{"remove"};
 inline constinit Name strptime{"strptime"};

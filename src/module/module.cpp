@@ -86,6 +86,7 @@ void bind_for_good(PyObject* module) {
     replace(module_state.print, Ref::steal(PyObject_GetAttrString(builtins, "print")));
     replace(module_state.open, Ref::steal(PyObject_GetAttrString(io, "open")));
     replace(module_state.string_io, Ref::steal(PyObject_GetAttrString(io, "StringIO")));
+    replace(module_state.buffered_reader, Ref::steal(PyObject_GetAttrString(io, "BufferedReader")));
     replace(module_state.bytes_io, Ref::steal(PyObject_GetAttrString(io, "BytesIO")));
     replace(module_state.text_io_wrapper, Ref::steal(PyObject_GetAttrString(io, "TextIOWrapper")));
     const Ref gc = Ref::steal(PyImport_ImportModule("gc"));

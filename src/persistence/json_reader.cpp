@@ -147,8 +147,39 @@ private:
     std::size_t expected_ = 0;
 };
 
+// Finished values whose array is not.
+class Waiting {
+public:
+    Waiting() = default;
+    ~Waiting() {
+        for (PyObject* object : objects_) Py_DECREF(object);
+    }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+    [[nodiscard]] std::size_t size() const { return objects_.size(); }
+    void push(Ref object) {
+        objects_.push_back(object);
+        static_cast<void>(object.release());
+    }
+    // A list of those from `first` on, which wait no longer.
+    Ref pop_list(std::size_t first) {
+        const std::size_t count = objects_.size() - first;
+        Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(count)));
+        PyObject* object = list;
+        for (std::size_t i = 0; i < count; ++i)
+            PyList_SET_ITEM(object, static_cast<Py_ssize_t>(i), objects_[first + i]);
+        objects_.resize(first);
+        return list;
+    }
+
+private:
+    std::vector<PyObject*> objects_;  // owned
+};
+
 class Reader {
 public:
+    // The zero byte behind the text ends every loop over its characters.
     explicit Reader(std::string_view text) : at_(text.data()), end_(text.data() + text.size()), texts_(text.size()) {}
 
     Ref document() {
@@ -158,7 +189,7 @@ public:
     }
 
 private:
-    [[nodiscard]] bool next_is(char expected) const { return at_ != end_ && *at_ == expected; }
+    [[nodiscard]] bool next_is(char expected) const { return *at_ == expected; }
     bool take(char expected) {
         if (!next_is(expected)) return false;
         ++at_;
@@ -170,13 +201,12 @@ private:
         return true;
     }
     void skip_space() {
-        while (at_ != end_ && (*at_ == ' ' || *at_ == '\n' || *at_ == '\t' || *at_ == '\r')) ++at_;
+        while (*at_ == ' ' || *at_ == '\n' || *at_ == '\t' || *at_ == '\r') ++at_;
     }
 
     Ref read_value(int depth, std::size_t column) {
         signals_.step();
         skip_space();
-        if (at_ == end_) return {};
         switch (*at_) {
             case '"':
                 return read_string(
@@ -209,18 +239,12 @@ private:
             do {
                 Ref item = read_value(depth + 1, std::min(waiting_.size() - first, kColumns - 1));
                 if (!item) return {};
-                waiting_.push_back(std::move(item));
+                waiting_.push(std::move(item));
                 skip_space();
             } while (take(','));
             if (!take(']')) return {};
         }
-        Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(waiting_.size() - first)));
-        PyObject* object = list;
-        for (std::size_t i = first; i < waiting_.size(); ++i) {
-            PyList_SET_ITEM(object, static_cast<Py_ssize_t>(i - first), waiting_[i].release());
-        }
-        waiting_.resize(first);
-        return list;
+        return waiting_.pop_list(first);
     }
 
     Ref read_object(int depth) {
@@ -341,47 +365,51 @@ private:
 
     static Ref make_float(double value) { return Ref::steal(PyFloat_FromDouble(value)); }
 
-    void skip_digits() {
-        while (at_ != end_ && *at_ >= '0' && *at_ <= '9') ++at_;
+    [[nodiscard]] bool next_is_digit() const { return *at_ >= '0' && *at_ <= '9'; }
+    // Appends the digits that follow to the number, which has lost its meaning if they are too many; how many they
+    // were.
+    std::ptrdiff_t take_digits(std::uint64_t& number) {
+        const char* const start = at_;
+        for (; next_is_digit(); ++at_) number = number * 10 + static_cast<std::uint64_t>(*at_ - '0');
+        return at_ - start;
     }
 
     Ref read_number() {
         const char* const start = at_;
-        take('-');
-        const char* const digits = at_;
-        if (next_is('I')) return take_word("Infinity") ? make_float(-HUGE_VAL) : Ref{};
-        skip_digits();
-        if (at_ == digits || (*digits == '0' && at_ - digits > 1)) return {};
-        bool whole = true;
+        const bool negative = take('-');
+        if (next_is('I')) return negative && take_word("Infinity") ? make_float(-HUGE_VAL) : Ref{};
+        std::uint64_t digits = 0;
+        const bool zero_first = next_is('0');
+        const std::ptrdiff_t whole = take_digits(digits);
+        if (whole == 0 || (zero_first && whole > 1)) return {};
+        std::ptrdiff_t decimals = 0;
         if (take('.')) {
-            const char* const fraction = at_;
-            skip_digits();
-            if (at_ == fraction) return {};
-            whole = false;
+            decimals = take_digits(digits);
+            if (decimals == 0) return {};
         }
-        if (next_is('e') || next_is('E')) {
-            ++at_;
+        bool with_exponent = false;
+        if (take('e') || take('E')) {
             if (!take('+')) take('-');
-            const char* const exponent = at_;
-            skip_digits();
-            if (at_ == exponent) return {};
-            whole = false;
+            std::uint64_t exponent = 0;
+            if (take_digits(exponent) == 0) return {};
+            with_exponent = true;
         }
-        return whole ? read_integer(start) : read_float(start);
+        if (decimals == 0 && !with_exponent) return make_integer(start, negative, digits);
+        if (with_exponent || whole + decimals > kExactDigits) return read_float(start);
+        // Both numbers are exact, so their quotient is rounded as the decimal would be.
+        const double value = static_cast<double>(digits) / kPowersOfTen[static_cast<std::size_t>(decimals)];
+        return make_float(negative ? -value : value);
     }
 
-    // The digits from `start` to here.
-    Ref read_integer(const char* start) const {
-        constexpr int kDigitsThatFit = 18;
-        if (at_ - start <= kDigitsThatFit) {
-            const bool negative = *start == '-';
-            long long value = 0;
-            for (const char* digit = start + (negative ? 1 : 0); digit != at_; ++digit)
-                value = value * 10 + (*digit - '0');
+    // The integer from `start` to here, of these digits unless they are too many.
+    Ref make_integer(const char* start, bool negative, std::uint64_t digits) const {
+        constexpr std::ptrdiff_t kCharactersThatFit = 18;
+        if (at_ - start <= kCharactersThatFit) {
+            const auto value = static_cast<long long>(digits);
             return Ref::steal(PyLong_FromLongLong(negative ? -value : value));
         }
-        const std::string digits(start, at_);
-        PyObject* number = PyLong_FromString(digits.c_str(), nullptr, 10);
+        const std::string text(start, at_);
+        PyObject* number = PyLong_FromString(text.c_str(), nullptr, 10);
         if (number == nullptr && PyErr_ExceptionMatches(PyExc_ValueError) != 0) {
             PyErr_Clear();
             return {};
@@ -395,13 +423,17 @@ private:
         return result.ec == std::errc{} ? make_float(value) : Ref{};
     }
 
+    static constexpr std::ptrdiff_t kExactDigits = 15;
+    static constexpr std::array<double, kExactDigits + 1> kPowersOfTen = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                                          1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
     const char* at_;
     const char* end_;
     Texts texts_;
     static constexpr std::size_t kColumns = 32;
     std::array<Texts::Habit, kColumns + 1> habits_;  // of the first places in arrays, and of objects' members
     std::size_t rows_texts_ = 0;                     // where those of the table's rows begin
-    std::vector<Ref> waiting_;
+    Waiting waiting_;
     std::string unescaped_;
     SignalCheck signals_;
 };

@@ -2,6 +2,8 @@
 // objects are asked for their members by the host's rules, so that a file of the wrong shape fails with its errors.
 #include "persistence/load.h"
 
+#include <sys/stat.h>
+
 #include "host/collector.h"
 #include "host/huge_pages.h"
 #include "host/module_state.h"
@@ -12,6 +14,8 @@
 
 namespace jdb::persistence {
 namespace {
+
+constexpr Py_ssize_t kLarge = Py_ssize_t{1} << 20U;  // bytes of a file from which on memory is got with care
 
 Ref member_or(PyObject* object, Name& name, PyObject* fallback) {
     return call_method(object, names::get, {name, fallback});
@@ -84,9 +88,8 @@ bool load_text(PyObject* self, std::string_view text) {
 
 // The fast road. The collector looks for garbage again when the tables stand, not among their half-made parts.
 bool load_natively(PyObject* self, PyObject* bytes) {
-    constexpr std::size_t kLarge = std::size_t{1} << 20U;
     const std::string_view text(PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes)));
-    if (text.size() < kLarge) {
+    if (PyBytes_GET_SIZE(bytes) < kLarge) {
         const CollectorPaused paused;
         return load_text(self, text);
     }
@@ -105,6 +108,26 @@ void load_bytes(PyObject* self, PyObject* json, PyObject* bytes) {
     replace_tables(self, document);
 }
 
+// file.read(), sooner for a large file, which is read in one go into memory that comes in huge pages.
+Ref read_bytes(PyObject* file) {
+    const auto read = [&] { return call_method(file, names::read); };
+    if (reinterpret_cast<PyObject*>(Py_TYPE(file)) != module_state.buffered_reader) return read();
+    const Ref descriptor = call_method(file, names::fileno);
+    struct stat status {};
+    if (fstat(static_cast<int>(PyLong_AsLong(descriptor)), &status) != 0 || status.st_size < kLarge) return read();
+
+    Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, status.st_size));
+    char* const start = PyBytes_AS_STRING(static_cast<PyObject*>(bytes));
+    prefer_huge_pages(start, static_cast<std::size_t>(status.st_size));
+    const Ref room = Ref::steal(PyMemoryView_FromMemory(start, status.st_size, PyBUF_WRITE));
+    const Ref count = call_method(file, names::readinto, {room});
+    const Py_ssize_t got = PyLong_AsSsize_t(count);
+    const Ref rest = read();
+    if (got == status.st_size && length(rest) == 0) return bytes;
+    const Ref begun = Ref::steal(PyBytes_FromStringAndSize(start, got));
+    return Ref::steal(PySequence_Concat(begun, rest));  // its size changed meanwhile
+}
+
 void read_file(PyObject* self) {
     const Ref filename = get_attribute(self, names::filename);
     const Ref open = global(names::open);
@@ -112,7 +135,7 @@ void read_file(PyObject* self) {
     if (reads_as_imported(json, open)) {
         Ref bytes;
         const Ref file = call(open, {filename, names::mode_read_bytes});
-        with_file(file, [&](PyObject* entered) { bytes = call_method(entered, names::read); });
+        with_file(file, [&](PyObject* entered) { bytes = read_bytes(entered); });
         return load_bytes(self, json, bytes);
     }
     const Ref file = call(open, {filename, names::mode_read}, {{names::encoding, names::utf8}});
