@@ -12,6 +12,7 @@
 #include "persistence/json_bytes.h"
 #include "persistence/json_number.h"
 #include "records/fields.h"
+#include "records/scan.h"
 
 namespace jdb::persistence {
 namespace {
@@ -335,8 +336,10 @@ RowWritten write_row(PyObject* row, TextBuffer& text) {
 bool write_rows(const Ref& rows, TextBuffer& text) {
     PyObject* list = rows;
     if (!PyList_CheckExact(list)) return false;
+    constexpr Py_ssize_t kPrefetched = 8;  // values of each row
     bool first = true;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
+        prefetch_rows(list, i, 0, kPrefetched);
         const std::size_t before = text.size();
         if (!first) text.add(", ");
         switch (write_row(PyList_GET_ITEM(list, i), text)) {

@@ -37,7 +37,8 @@ public:
     bool hand_on_when_full() { return size_ < kPiece || hand_on(); }
 
 private:
-    static constexpr std::size_t kPiece = std::size_t{256} * 1024;
+    // Small beside the tables, and large enough that the system is seldom asked for much.
+    static constexpr std::size_t kPiece = std::size_t{1024} * 1024;
 
     void grow(std::size_t more);
     bool hand_on();

@@ -232,13 +232,16 @@ void FileReplacement::take_over_mode_and_owner(int old_file) {
 }
 
 void FileReplacement::write(std::string_view bytes) {
+    const auto start = static_cast<off64_t>(written_);
+    const auto size = static_cast<off64_t>(bytes.size());
+    written_ += bytes.size();
     while (!bytes.empty()) {
         const Outcome written = run([&] { return ::write(new_file_.number(), bytes.data(), bytes.size()); });
         if (written.error != 0) raise_os_error(written.error, target_.name);
         bytes.remove_prefix(static_cast<std::size_t>(written.result));
     }
     // The disk may begin while the rest of the text is being made; `commit` is what waits for it, and hears of errors.
-    run([&] { return sync_file_range(new_file_.number(), 0, 0, SYNC_FILE_RANGE_WRITE); });
+    run([&] { return sync_file_range(new_file_.number(), start, size, SYNC_FILE_RANGE_WRITE); });
 }
 
 void FileReplacement::commit() {

@@ -68,6 +68,7 @@ private:
     bool directory_can_be_flushed_ = true;
     std::string new_name_;  // empty while there is no new file to remove
     Descriptor new_file_;
+    std::size_t written_ = 0;
 };
 
 }  // namespace jdb::persistence

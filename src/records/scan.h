@@ -104,9 +104,10 @@ inline Py_ssize_t stretch_end(PyObject* rows, Py_ssize_t start) {
 }
 
 // Asks the processor for the memory that the rows a little behind this one will need: a large table is walked at the
-// speed at which it arrives. The value at `position` is what the walk looks at. Always inline: a compiler that finds a
-// function without effects leaves its calls out.
-[[gnu::always_inline]] inline void prefetch_rows(PyObject* rows, Py_ssize_t at, Py_ssize_t position) {
+// speed at which it arrives. The `count` values from `position` on are what the walk looks at. Always inline: a
+// compiler that finds a function without effects leaves its calls out.
+[[gnu::always_inline]] inline void prefetch_rows(PyObject* rows, Py_ssize_t at, Py_ssize_t position,
+                                                 Py_ssize_t count = 1) {
     constexpr Py_ssize_t kLists = 32;
     constexpr Py_ssize_t kItems = 20;
     constexpr Py_ssize_t kValues = 10;
@@ -115,7 +116,9 @@ inline Py_ssize_t stretch_end(PyObject* rows, Py_ssize_t start) {
     PyObject* row = PyList_GET_ITEM(rows, at + kItems);
     if (is_wide_enough(row, position + 1)) __builtin_prefetch(&PyList_GET_ITEM(row, position));
     row = PyList_GET_ITEM(rows, at + kValues);
-    if (is_wide_enough(row, position + 1)) __builtin_prefetch(PyList_GET_ITEM(row, position));
+    if (!is_wide_enough(row, position + 1)) return;
+    const Py_ssize_t end = count == 1 ? position + 1 : std::min(position + count, PyList_GET_SIZE(row));
+    for (Py_ssize_t i = position; i < end; ++i) __builtin_prefetch(PyList_GET_ITEM(row, i));
 }
 
 // ---- Implementation ----
