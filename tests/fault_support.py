@@ -40,7 +40,7 @@ class FaultTest(unittest.TestCase):
             code = f"import fault_support as s, test_faults as t; s.run_cases(t.{call})"
             done = subprocess.run(
                 [*through, sys.executable, "-X", "dev", "-c", code], cwd=data,
-                env={**os.environ, "LD_PRELOAD": preload, "PYTHONPATH": paths}, timeout=600,
+                env={**os.environ, "LD_PRELOAD": preload, "PYTHONPATH": paths}, timeout=400,
                 stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace")
         if done.returncode or not done.stdout:
             self.fail(f"{call}: exit status {done.returncode}\n{done.stdout[:8000]}{done.stderr[-6000:]}")

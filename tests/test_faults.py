@@ -81,12 +81,14 @@ def leaks(cases, times):
     saved(fresh())
     for name, operation in {**OPERATIONS, **ERRORS}.items():
         with cases(name):
-            for _ in range(2):  # what is kept for good settles in the first round
+            growths = []
+            for _ in range(3):  # what is kept for good settles in one round or another, a leak in none
                 before, descriptors = held(), os.listdir("/proc/self/fd")
                 for _ in range(times):
                     outcome(operation, stage.set(fresh()))
-            growth = [now - then for now, then in zip(held(), before)]
-            assert growth[0] < 60 + times / 4 and growth[1] < 500 + times * 8, f"{growth} blocks and bytes more"
+                growths.append([now - then for now, then in zip(held(), before)])
+            blocks, size = map(min, zip(*growths))
+            assert blocks < times / 4 and size < 500 + times * 8, f"{growths} blocks and bytes more"
             assert os.listdir("/proc/self/fd") == descriptors
     values = "t", {"k": object()}, ["s"], 10 ** 20
     for method in vars(JSONDatatable):
@@ -115,7 +117,7 @@ class Memory(FaultTest):
         self.in_child(outer_allocations)
 
     def test_leaks(self):
-        self.in_child(leaks, 2000 if LONG else 300)
+        self.in_child(leaks, 2000 if LONG else 200)
 
 
 # ---- Disk ----------------------------------------------------------------------------------------
@@ -419,6 +421,7 @@ PLANTS = {
 }
 
 
+NESTED = [("argument", act) for act in ("insert", "update", "save", "clear_table")]
 OFTENER = {("keys", "raise"): 0.5, ("keys", "clear indexes"): 0.5, ("argument", "clear arguments"): 1,
            ("respelt name", "clear columns"): 1}
 
@@ -453,9 +456,9 @@ def hostile_objects(cases, share):
                 assert listing() == [f"./{PATH}"] or plant in ("filename", "argument"), listing()
                 # A value that refuses ends an index build where it stands; only an accident puts back what was before.
                 left_as_it_is = name in PARTIAL or (name, act) == ("_build_indexes", "raise")
-                if act in ("raise", "interrupt") and before and not left_as_it_is:
+                if (act in ("raise", "interrupt") or (plant, act) in NESTED) and before and not left_as_it_is:
                     assert not disagreement(db), disagreement(db)
-                    assert saving or memory(db, id) == before, "not taken back"
+                    assert saving or act not in ("raise", "interrupt") or memory(db, id) == before, "not taken back"
             if not used:
                 break
 
