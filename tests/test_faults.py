@@ -664,7 +664,6 @@ DAEMONS = """
     time.sleep(random.random() / 50)
 """
 ENDINGS = [
-    "db.self = keep = db",
     """
     class Saving:
         def __del__(self, db=db):

@@ -9,10 +9,9 @@ import os
 import pathlib
 import stat
 import types
-import unittest
 from unittest import mock
 
-from support import DatabaseTest, JSONDatatable, module, unique
+from support import DatabaseTest, JSONDatatable, module, optional, unique
 
 
 class Rebound(DatabaseTest):
@@ -25,6 +24,16 @@ class Rebound(DatabaseTest):
         for where, name, stand_in in ((module, "json", types.SimpleNamespace(dump=torn)), (json, "dump", torn)):
             with mock.patch.object(where, name, stand_in), self.unchanged(OSError, 5, "torn"):
                 self.db.save()
+
+    def test_table_is_printed_by_the_print_of_the_import(self):
+        self.table(optional("id"), optional("name"), rows=[(1, "日本"), (2, "Bob Stone"), (3, "gone")])
+        self.db.delete("t", 2)
+        with mock.patch("builtins.print") as late, mock.patch.object(module, "print", late, create=True), \
+                contextlib.redirect_stdout(io.StringIO()) as output:
+            self.db.display_table("t")
+        late.assert_not_called()
+        self.assertEqual(output.getvalue(), "\nid | name     \n--------------\n1  | 日本       \n2  | Bob Stone\n\n"
+                                            "Showing 2 of 2 rows\n\n")
 
     def test_open(self):
         original = open
@@ -117,7 +126,3 @@ class Targets(DatabaseTest):
         before = os.stat(self.at("new"))
         self.saved_to(self.at("new"))
         self.assertEqual(os.stat(self.at("new"))[:1] + os.stat(self.at("new"))[4:6], before[:1] + before[4:6])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,7 +3,6 @@
 import contextlib
 import functools
 import itertools
-import unittest
 from unittest import mock
 
 import model
@@ -56,7 +55,3 @@ class Redefinition(DatabaseTest):
             for where in ("class", "subclass", "instance", "look-up") if expected else ():
                 with self.subTest(name, where=where, number=number):
                     self.assertEqual(self.calls(JSONDatatable, name, where, act), expected)
-
-
-if __name__ == "__main__":
-    unittest.main()
