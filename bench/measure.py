@@ -17,7 +17,8 @@ import contenders
 
 ENOUGH = 0.01  # seconds of work that make one sample worth having
 FEW = 3
-A_FEW_ROWS = 100  # looked at in turn, so that it's the code that is timed and not the processor's cache
+A_FEW_ROWS = 100  # looked at in turn and once before, so that it's the code that is timed and not the processor's cache
+LOOK_UPS = ("by_unique", "get_row")
 
 
 def sample(contender, operation, calls):
@@ -36,6 +37,8 @@ def sample(contender, operation, calls):
     contender.before(operation)
     different = calls if operation.endswith("anywhere") else min(calls, A_FEW_ROWS)
     arguments = [contender.argument(operation) for _ in range(different)] * (calls // different)
+    if operation in LOOK_UPS:
+        collections.deque(map(act, arguments[:different]), maxlen=0)
     start = time.perf_counter()
     collections.deque(map(act, arguments), maxlen=0)
     return (time.perf_counter() - start) / len(arguments)
@@ -97,6 +100,8 @@ def interleaved(workers, operation, rounds, budget):
         first = worker.sample(operation, 1)
         if first is None:
             continue
+        if operation in LOOK_UPS:  # the first of them finds nothing in the cache
+            first = min(first, worker.sample(operation, 1))
         changes = operation in ("insert", "insert_memory", "update", "delete")
         calls = FEW if changes and first < 0.05 else 1 if changes else max(1, min(2000, int(ENOUGH / first)))
         turns = max(FEW, min(rounds, int(budget / (first * calls))))

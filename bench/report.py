@@ -108,10 +108,10 @@ def target_table(numbers):
 def side_by_side(numbers, count):
     """Each one's time as a multiple of ours."""
     times = numbers["times"][str(count)]
-    names = [name for name in next(iter(times.values())) if name != "ours"]
+    names = [name for name in max(times.values(), key=len) if name != "ours"]
     lines = []
-    for operation in times:
-        if "ours" in times[operation]:
+    for operation in TITLES:
+        if "ours" in times.get(operation, {}):
             ratios = [ratio(numbers, count, operation, name, "ours") for name in names]
             if any(ratios):
                 lines.append((TITLES[operation], *("–" if value is None else figure(value) for value in ratios)))
