@@ -23,14 +23,14 @@ bool can_age() {
 
 }  // namespace
 
-LastingObjects::LastingObjects() {
-    if (!paused_.was_enabled()) return;
+LastingObjects::LastingObjects(bool many) : aging_(many && paused_.was_enabled()) {
+    if (!aging_) return;
     const Ref young = integer(1);
     call(module_state.gc_collect, {young});
 }
 
 LastingObjects::~LastingObjects() {
-    if (!paused_.was_enabled()) return;
+    if (!aging_) return;
     const SavedError error;
     attempt([] {
         if (!can_age()) return;

@@ -21,18 +21,19 @@ private:
     bool was_enabled_;
 };
 
-// The same, for making objects by the hundred thousand that stay. They would have grown old in the collections that
-// are left out, so they count as old from the start: the next collection does not walk them all. What was young before
-// is collected first; that may run host code and throws PythonError when the host could not do it.
+// The same; and where the objects made are many, and stay, they count as old from the start, for they would have grown
+// old in the collections that are left out, and the next one need not walk them all. What was young before is collected
+// first; that may run host code and throws PythonError when the host could not do it.
 class LastingObjects {
 public:
-    LastingObjects();
+    explicit LastingObjects(bool many);
     ~LastingObjects();
     LastingObjects(const LastingObjects&) = delete;
     LastingObjects& operator=(const LastingObjects&) = delete;
 
 private:
     CollectorPaused paused_;
+    bool aging_;
 };
 
 }  // namespace jdb

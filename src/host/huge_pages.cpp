@@ -75,7 +75,8 @@ void prefer_huge_pages(char* start, std::size_t size) noexcept {
     madvise(start + before, (size - before) / kHugePage * kHugePage, MADV_HUGEPAGE);  // only a wish
 }
 
-HugePages::HugePages() noexcept {
+HugePages::HugePages(bool much) noexcept {
+    if (!much) return;
     PyObjectArenaAllocator current{};
     PyObject_GetArenaAllocator(&current);
     if (active || !is_interpreters_own(current)) return;

@@ -73,6 +73,12 @@ Ref item_if_key(PyObject* container, PyObject* key) {
     return contains(container, key) ? get_item(container, key) : Ref{};
 }
 
+Ref set_default(PyObject* dict, PyObject* key, PyObject* value) {
+    PyObject* item = PyDict_SetDefault(dict, key, value);
+    if (item == nullptr) throw PythonError{};
+    return Ref::borrow(item);
+}
+
 Ref get(PyObject* mapping, PyObject* key) {
     if (!PyDict_CheckExact(mapping)) return call_method(mapping, names::get, {key});
     Ref item = find_item(mapping, key);
@@ -111,6 +117,12 @@ Ref call_method(PyObject* object, PyObject* name, std::initializer_list<PyObject
     const CallArguments arguments(object, positional, keywords);
     return Ref::steal(
         PyObject_VectorcallMethod(name, arguments.values(), arguments.flagged_count(), arguments.names()));
+}
+
+Ref new_list(PyObject* item) {
+    Ref list = Ref::steal(PyList_New(1));
+    PyList_SET_ITEM(static_cast<PyObject*>(list), 0, Ref::borrow(item).release());
+    return list;
 }
 
 Iteration::Iteration(PyObject* iterable)

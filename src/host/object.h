@@ -22,12 +22,13 @@ inline Ref get_attribute(PyObject* object, PyObject* name) {  // object.name
 inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {  // object.name = value
     check(PyObject_SetAttr(object, name, value));
 }
-Ref get_item(PyObject* container, PyObject* key);               // container[key]
-Ref get_item(PyObject* sequence, Py_ssize_t position);          // sequence[position], not negative
-Ref find_item(PyObject* dict, PyObject* key);                   // the item of a dict, an empty Ref when there is none
-Ref item_if_key(PyObject* container, PyObject* key);            // container[key] if key in container, else an empty Ref
-Ref get(PyObject* mapping, PyObject* key);                      // mapping.get(key)
-Ref get(PyObject* mapping, PyObject* key, PyObject* fallback);  // mapping.get(key, fallback)
+Ref get_item(PyObject* container, PyObject* key);       // container[key]
+Ref get_item(PyObject* sequence, Py_ssize_t position);  // sequence[position], not negative
+Ref find_item(PyObject* dict, PyObject* key);           // the item of a dict, an empty Ref when there is none
+Ref item_if_key(PyObject* container, PyObject* key);    // container[key] if key in container, else an empty Ref
+Ref set_default(PyObject* dict, PyObject* key, PyObject* value);             // dict.setdefault(key, value)
+Ref get(PyObject* mapping, PyObject* key);                                   // mapping.get(key)
+Ref get(PyObject* mapping, PyObject* key, PyObject* fallback);               // mapping.get(key, fallback)
 inline void set_item(PyObject* container, PyObject* key, PyObject* value) {  // container[key] = value
     check(PyObject_SetItem(container, key, value));
 }
@@ -54,6 +55,7 @@ inline Ref new_text(std::string_view utf8) {
     return Ref::steal(PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr));
 }
 inline Ref new_list() { return Ref::steal(PyList_New(0)); }
+Ref new_list(PyObject* item);  // [item]
 inline Ref new_dict() { return Ref::steal(PyDict_New()); }
 
 // callable(*positional, **keywords), and object.name(...) by the host's method look-up.

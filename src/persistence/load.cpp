@@ -79,23 +79,15 @@ bool reads_as_imported(PyObject* json, PyObject* open) {
     return load == module_state.json_load;
 }
 
-// False when the reader gives up, and nothing has changed.
-bool load_text(PyObject* self, std::string_view text) {
-    const Ref document = read_json(text);
+// The fast road: false when the reader gives up, and nothing has changed. The collector looks for garbage again when
+// the tables stand, not among their half-made parts.
+bool load_natively(PyObject* self, PyObject* bytes) {
+    const bool large = PyBytes_GET_SIZE(bytes) >= kLarge;
+    const LastingObjects made(large);
+    const HugePages pages(large);
+    const Ref document = read_json({PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))});
     if (document) replace_tables(self, document);
     return static_cast<bool>(document);
-}
-
-// The fast road. The collector looks for garbage again when the tables stand, not among their half-made parts.
-bool load_natively(PyObject* self, PyObject* bytes) {
-    const std::string_view text(PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes)));
-    if (PyBytes_GET_SIZE(bytes) < kLarge) {
-        const CollectorPaused paused;
-        return load_text(self, text);
-    }
-    const LastingObjects made;
-    const HugePages pages;
-    return load_text(self, text);
 }
 
 void load_bytes(PyObject* self, PyObject* json, PyObject* bytes) {

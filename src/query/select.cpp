@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/collector.h"
+#include "host/huge_pages.h"
 #include "query/convert.h"
 #include "records/database.h"
 #include "records/fields.h"
@@ -150,9 +151,10 @@ Py_ssize_t scan_in_place(const Query& query, PyObject* rows, Py_ssize_t start, R
     if (query.columns != Py_None) projection = columns->project(query.columns);
     RowShape& shape = projection ? *projection : columns->shape();
     const Py_ssize_t looked_at = conditions->empty() ? 0 : std::max<Py_ssize_t>(conditions->front().position, 0);
+    const Py_ssize_t values = conditions->empty() ? columns->count() : 1;
     Py_ssize_t i = start;
     for (const Py_ssize_t end = stretch_end(rows, start); i < end && !results.full(); ++i) {
-        prefetch_rows(rows, i, looked_at);
+        prefetch_rows(rows, i, looked_at, values);
         PyObject* row = PyList_GET_ITEM(rows, i);
         if (!is_wide_enough(row, columns->count())) break;
         const Equality match = match_plain(row, *conditions);
@@ -174,8 +176,11 @@ Ref select_scanned(const Query& query, PyObject* limit) {
         }
         return results.list();
     }
+    constexpr Py_ssize_t kMany = 4096;
+    std::optional<HugePages> pages;  // once it shows that much memory will be needed
     PyObject* list = rows;
     for (Py_ssize_t i = 0;; ++i) {
+        if (!pages && length(results.list()) >= kMany) pages.emplace(true);
         i = scan_in_place(query, rows, i, results);
         if (results.full() || i >= PyList_GET_SIZE(list)) return results.list();
         const Ref row = get_item(rows, i);

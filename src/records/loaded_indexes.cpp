@@ -3,6 +3,8 @@
 
 #include <vector>
 
+#include "host/collector.h"
+#include "host/huge_pages.h"
 #include "records/fields.h"
 #include "records/rows.h"
 
@@ -28,12 +30,9 @@ bool is_hashable(PyObject* value) {
 }
 
 void list_row(PyObject* index, PyObject* value, PyObject* row_id) {
-    Ref ids = find_item(index, value);
-    if (!ids) {
-        ids = new_list();
-        set_item(index, value, ids);
-    }
-    append(ids, row_id);
+    const Ref first = new_list(row_id);
+    const Ref ids = set_default(index, value, first);
+    if (ids != first) append(ids, row_id);
 }
 
 // An empty index for each column that is to have one, in column order.
@@ -63,12 +62,16 @@ std::vector<IndexedColumn> indexed_columns(PyObject* columns, PyObject* indexes)
 }
 
 Ref rebuild(PyObject* table, PyObject* as_read) {
+    constexpr Py_ssize_t kMany = 4096;
+    const Ref rows = get_field(table, names::rows);
+    const bool many = PyList_CheckExact(static_cast<PyObject*>(rows)) && length(rows) >= kMany;
+    const LastingObjects made(many);
+    const HugePages pages(many);
     const Ref columns = get_field(table, names::columns);
     Ref indexes = empty_indexes(columns, as_read);
     const std::vector<IndexedColumn> indexed = indexed_columns(columns, indexes);
     if (indexed.empty()) return indexes;
     Py_ssize_t id = 0;
-    const Ref rows = get_field(table, names::rows);
     for (const Ref& row : Iteration(rows)) {
         if (PyList_CheckExact(static_cast<PyObject*>(row)) && !is_deleted(row)) {
             const Ref row_id = integer(id);
