@@ -51,7 +51,8 @@ char* write_short_decimal(char* to, double magnitude) {
     constexpr double kScale = 1e4;
     constexpr double kMost = 1e11;
     if (!(magnitude < kMost)) return nullptr;
-    const auto scaled = static_cast<std::uint64_t>(magnitude * kScale + 0.5);
+    const auto scaled = static_cast<std::uint64_t>(magnitude * kScale + 0.5);  // NOLINT(bugprone-incorrect-roundings)
+    // That rounding may be off by one, unless this holds; to call a better one would take longer.
     if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
     to = write_unsigned(to, scaled / 10000);
     *to++ = '.';
