@@ -11,9 +11,14 @@ namespace {
 struct Field {
     const char* name;
     const char* declared_type;
-    Ref default_value;  // empty where the field must be given
-    const char* shown_default = nullptr;
+    Ref default_value;  // empty where the field must be given; a constant, or what makes a new one for each record
 };
+
+std::string shown(PyObject* default_value) {
+    if (default_value != Py_None && PyBool_Check(default_value) == 0) return "<factory>";
+    const Ref text = text_of(default_value);
+    return PyUnicode_AsUTF8(text);
+}
 
 // As the decorator itself would write it; but it asks inspect.signature, at a tenth of the whole import's time.
 Ref documentation(const char* name, std::span<const Field> fields) {
@@ -21,7 +26,7 @@ Ref documentation(const char* name, std::span<const Field> fields) {
     const char* before = "(";
     for (const Field& field : fields) {
         text.append(before).append(field.name).append(": '").append(field.declared_type).append("'");
-        if (field.default_value) text.append(" = ").append(field.shown_default);
+        if (field.default_value) text.append(" = ").append(shown(field.default_value));
         before = ", ";
     }
     return new_text(text.append(")"));
@@ -54,10 +59,10 @@ Ref make_column_class(PyObject* globals, PyObject* dataclass) {
     const Field fields[] = {
         {"name", "str", {}},
         {"data_type", "str", {}},
-        {"required", "bool", Ref::boolean(true), "True"},
-        {"unique", "bool", Ref::boolean(false), "False"},
-        {"default", "Any", Ref::none(), "None"},
-        {"validation_pattern", "Optional[str]", Ref::none(), "None"},
+        {"required", "bool", Ref::boolean(true)},
+        {"unique", "bool", Ref::boolean(false)},
+        {"default", "Any", Ref::none()},
+        {"validation_pattern", "Optional[str]", Ref::none()},
     };
     return make_record("Column", fields, globals, dataclass);
 }
@@ -69,8 +74,8 @@ Ref make_table_class(PyObject* globals, PyObject* dataclass, PyObject* field) {
     const Field fields[] = {
         {"name", "str", {}},
         {"columns", "List[Column]", {}},
-        {"rows", "List[List[Any]]", made_anew(PyList_Type), "<factory>"},
-        {"indexes", "Dict[str, Dict[Any, List[int]]]", made_anew(PyDict_Type), "<factory>"},
+        {"rows", "List[List[Any]]", made_anew(PyList_Type)},
+        {"indexes", "Dict[str, Dict[Any, List[int]]]", made_anew(PyDict_Type)},
     };
     return make_record("Table", fields, globals, dataclass);
 }
