@@ -108,9 +108,9 @@ inline Py_ssize_t stretch_end(PyObject* rows, Py_ssize_t start) {
 // compiler that finds a function without effects leaves its calls out.
 [[gnu::always_inline]] inline void prefetch_rows(PyObject* rows, Py_ssize_t at, Py_ssize_t position,
                                                  Py_ssize_t count = 1) {
-    constexpr Py_ssize_t kLists = 32;
-    constexpr Py_ssize_t kItems = 20;
-    constexpr Py_ssize_t kValues = 10;
+    constexpr Py_ssize_t kLists = 96;
+    constexpr Py_ssize_t kItems = 64;
+    constexpr Py_ssize_t kValues = 32;
     if (at + kLists >= PyList_GET_SIZE(rows)) return;
     __builtin_prefetch(PyList_GET_ITEM(rows, at + kLists));
     PyObject* row = PyList_GET_ITEM(rows, at + kItems);
