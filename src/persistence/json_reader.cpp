@@ -201,7 +201,9 @@ private:
         return true;
     }
     void skip_space() {
-        while (*at_ == ' ' || *at_ == '\n' || *at_ == '\t' || *at_ == '\r') ++at_;
+        const char* at = at_;
+        while (*at == ' ' || *at == '\n' || *at == '\t' || *at == '\r') ++at;
+        at_ = at;
     }
 
     Ref read_value(int depth, std::size_t column) {
@@ -289,12 +291,14 @@ private:
 
     // Goes on to the next byte of a string that needs care, or one beside the document's end; false at the end.
     bool skip_plain() {
+        const char* at = at_;
         std::size_t plain = sizeof(std::uint64_t);
-        while (plain == sizeof(std::uint64_t) && end_ - at_ >= 8) {
-            plain = bytes_before(special_bytes(load_word<std::uint64_t>(at_)));
-            at_ += plain;
+        while (plain == sizeof(std::uint64_t) && end_ - at >= 8) {
+            plain = bytes_before(special_bytes(load_word<std::uint64_t>(at)));
+            at += plain;
         }
-        return at_ != end_;
+        at_ = at;
+        return at != end_;
     }
 
     // A string with escapes, which are turned into UTF-8 before the whole is decoded; at_ is at the first of them.
@@ -365,13 +369,14 @@ private:
 
     static Ref make_float(double value) { return Ref::steal(PyFloat_FromDouble(value)); }
 
-    [[nodiscard]] bool next_is_digit() const { return *at_ >= '0' && *at_ <= '9'; }
     // Appends the digits that follow to the number, which has lost its meaning if they are too many; how many they
     // were.
     std::ptrdiff_t take_digits(std::uint64_t& number) {
-        const char* const start = at_;
-        for (; next_is_digit(); ++at_) number = number * 10 + static_cast<std::uint64_t>(*at_ - '0');
-        return at_ - start;
+        const char* at = at_;
+        std::uint64_t appended = number;
+        for (; *at >= '0' && *at <= '9'; ++at) appended = appended * 10 + static_cast<std::uint64_t>(*at - '0');
+        number = appended;
+        return at - std::exchange(at_, at);
     }
 
     Ref read_number() {
