@@ -187,6 +187,14 @@ class RoadsTest(DatabaseTest):
                 self.db = fresh
                 self.assertEqual(fast, self.call_all())
 
+    def test_change_of_one_object(self):
+        """What is remembered of one object says nothing of another of its class."""
+        self.table(Column("a", "number"), rows=[(1,)])
+        other = JSONDatatable(self.path)
+        self.assertEqual(self.db.get_row("t", 0), other.get_row("t", 0))
+        other._row_to_dict = lambda *_: {"x": 1}
+        self.assertEqual([db.get_row("t", 0) for db in (self.db, other)], [{"a": 1}, {"x": 1}])
+
     def call_all(self):
         calls = [("get_row", "t", 0), ("select", "t"), ("select", "t", {"a": 1}), ("select", "t", {"b": 2}),
                  ("display_table", "t"), ("_row_to_dict", self.db.tables.get("t"), [1, 2])]
