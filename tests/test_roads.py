@@ -71,6 +71,11 @@ def plain_value(r, depth=0):
     return r.choice([list, tuple, lambda values: {r.choice([text, number, word])(r): value for value in values}])(values)
 
 
+def fresh(value):
+    """An equal text is another object, without a hash as yet."""
+    return value.encode().decode() if type(value) is str else value
+
+
 def nested(depth):
     return functools.reduce(lambda value, _: [value], range(depth), [])
 
@@ -201,18 +206,18 @@ class RoadsTest(DatabaseTest):
         return [self.outcome(getattr(self.db, method), *args) for method, *args in calls]
 
     def test_scanning(self):
-        plain = [None, 0, 1, True, 1.0, math.nan, "a", "b", "é", "ち", 2 ** 70, datetime.date(2024, 1, 1)]
+        plain = [None, 0, 1, True, 1.0, math.nan, "a", "ち", "é", "b", 2 ** 70, datetime.date(2024, 1, 1)]
         odd = plain + [Text("a"), b"a", [1], datetime.datetime(2024, 1, 1)]
         for seed in range(400):
             r = random.Random(seed)
-            values = r.choice([plain[:8], plain, odd])
+            values = list(map(fresh, r.choice([plain[:8], plain, odd, ["ち", "ぢ", None]])))
             names = r.choice([["a", "b", "c"], ["a", "b", "a"]] * 3 + [[Text("a"), "b", "c"], ["a", 5, "c"], []])
             table = module.Table("t", [Column(name, "any", False, r.random() < 0.4) for name in names])
             table.rows = [[r.choice(values) for _ in range(max(len(names), r.choice([0, 0, 0, 4])))]
                           for _ in range(r.choice([2, 5, 60]))]
             if r.random() < 0.2:
                 del r.choice(table.rows)[1:]
-            wanted = {name: r.choice(values) for name in r.sample(["a", "b", "c"], r.randint(0, 3))}
+            wanted = {name: fresh(r.choice(values)) for name in r.sample(["a", "b", "c"], r.randint(0, 3))}
             if r.random() < 0.3:
                 wanted[r.choice([5, "zz"])] = r.choice([None, r.choice(values)])
             chosen = r.choice([None, None, ["b", "a", "b", "q"], [], [5, Text("a")]])
