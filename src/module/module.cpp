@@ -80,6 +80,7 @@ void replace(PyObject*& slot, Ref value) {
 void bind_for_good(PyObject* module) {
     const Ref builtins = import("builtins");
     const Ref io = import("io");
+    const Ref gc = import("gc");
     replace(module_state.module, Ref::borrow(module));
     replace(module_state.globals, Ref::borrow(PyModule_GetDict(module)));
     replace(module_state.builtins, Ref::borrow(PyModule_GetDict(builtins)));
@@ -89,7 +90,6 @@ void bind_for_good(PyObject* module) {
     replace(module_state.buffered_reader, Ref::steal(PyObject_GetAttrString(io, "BufferedReader")));
     replace(module_state.bytes_io, Ref::steal(PyObject_GetAttrString(io, "BytesIO")));
     replace(module_state.text_io_wrapper, Ref::steal(PyObject_GetAttrString(io, "TextIOWrapper")));
-    const Ref gc = Ref::steal(PyImport_ImportModule("gc"));
     replace(module_state.gc_collect, Ref::steal(PyObject_GetAttrString(gc, "collect")));
     replace(module_state.gc_freeze, Ref::steal(PyObject_GetAttrString(gc, "freeze")));
     replace(module_state.gc_unfreeze, Ref::steal(PyObject_GetAttrString(gc, "unfreeze")));

@@ -114,6 +114,7 @@ Ref read_bytes(PyObject* file) {
     const Ref room = Ref::steal(PyMemoryView_FromMemory(start, status.st_size, PyBUF_WRITE));
     const Ref count = call_method(file, names::readinto, {room});
     const Py_ssize_t got = PyLong_AsSsize_t(count);
+    if (got < 0) throw PythonError{};
     const Ref rest = read();
     if (got == status.st_size && length(rest) == 0) return bytes;
     const Ref begun = Ref::steal(PyBytes_FromStringAndSize(start, got));

@@ -61,17 +61,22 @@ std::vector<IndexedColumn> indexed_columns(PyObject* columns, PyObject* indexes)
     return indexed;
 }
 
-Ref rebuild(PyObject* table, PyObject* as_read) {
+bool has_many_rows(PyObject* table) {
     constexpr Py_ssize_t kMany = 4096;
-    const Ref rows = get_field(table, names::rows);
-    const bool many = PyList_CheckExact(static_cast<PyObject*>(rows)) && length(rows) >= kMany;
-    const LastingObjects made(many);
+    PyObject* rows = own_field(table, names::rows);
+    return rows != nullptr && PyList_CheckExact(rows) && PyList_GET_SIZE(rows) >= kMany;
+}
+
+Ref rebuild(PyObject* table, PyObject* as_read) {
+    const bool many = has_many_rows(table);
+    const LastingObjects made(many);  // may run host code, so all is read after it
     const HugePages pages(many);
     const Ref columns = get_field(table, names::columns);
     Ref indexes = empty_indexes(columns, as_read);
     const std::vector<IndexedColumn> indexed = indexed_columns(columns, indexes);
     if (indexed.empty()) return indexes;
     Py_ssize_t id = 0;
+    const Ref rows = get_field(table, names::rows);
     for (const Ref& row : Iteration(rows)) {
         if (PyList_CheckExact(static_cast<PyObject*>(row)) && !is_deleted(row)) {
             const Ref row_id = integer(id);
