@@ -1,12 +1,12 @@
-"""Includes run one way: module, then the four topics side by side, then records, then host."""
+"""Includes run one way: module, then the four topics side by side, then tables, then cpython310, then host."""
 
 import pathlib
 import re
 import unittest
 
 SOURCES = pathlib.Path(__file__).resolve().parent.parent / "src"
-BELOW = {"host": set(), "records": {"host"}}
-BELOW.update(dict.fromkeys(("display", "query", "persistence", "store"), {"records", "host"}))
+BELOW = {"host": set(), "cpython310": {"host"}, "tables": {"cpython310", "host"}}
+BELOW.update(dict.fromkeys(("display", "query", "persistence", "store"), {"tables", "cpython310", "host"}))
 BELOW["module"] = set(BELOW)
 
 
@@ -20,7 +20,7 @@ class Includes(unittest.TestCase):
                 inner = place.exists() and place.resolve().parent.name
                 allowed = not inner or inner in BELOW[folder] or inner == folder
                 if inner == "store" == folder:
-                    allowed = place.stem in (file.stem, "indexes")
+                    allowed = place.stem == file.stem
                 if not allowed or (target.endswith("Python.h") and (folder, file.name) != ("host", "python.h")):
                     wrong.append(f"{file.relative_to(SOURCES)} -> {target}")
         self.assertTrue(BELOW.keys() <= {path.name for path in SOURCES.iterdir()})

@@ -2,8 +2,8 @@
 #include "display/display.h"
 
 #include "host/module_state.h"
-#include "records/database.h"
-#include "records/scan.h"
+#include "tables/database.h"
+#include "tables/scan.h"
 
 namespace jdb::display {
 namespace {

@@ -4,9 +4,9 @@
 #include "host/call_gate.h"
 #include "host/module_state.h"
 #include "module/methods.h"
+#include "module/records.h"
 #include "persistence/json_text.h"
-#include "records/fields.h"
-#include "records/records.h"
+#include "tables/fields.h"
 
 namespace jdb {
 namespace {

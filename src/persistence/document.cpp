@@ -2,7 +2,7 @@
 #include "persistence/document.h"
 
 #include "host/object.h"
-#include "records/rows.h"
+#include "tables/rows.h"
 
 namespace jdb::persistence {
 namespace {

@@ -11,8 +11,8 @@
 #include "host/object.h"
 #include "persistence/json_bytes.h"
 #include "persistence/json_number.h"
-#include "records/fields.h"
-#include "records/scan.h"
+#include "tables/fields.h"
+#include "tables/scan.h"
 
 namespace jdb::persistence {
 namespace {

@@ -9,8 +9,8 @@
 #include "host/module_state.h"
 #include "persistence/host_file.h"
 #include "persistence/json_reader.h"
-#include "records/database.h"
-#include "records/loaded_indexes.h"
+#include "tables/database.h"
+#include "tables/loaded_indexes.h"
 
 namespace jdb::persistence {
 namespace {

@@ -11,7 +11,7 @@
 #include "persistence/host_file.h"
 #include "persistence/json_text.h"
 #include "persistence/replace_file.h"
-#include "records/database.h"
+#include "tables/database.h"
 
 namespace jdb::persistence {
 namespace {

@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "records/fields.h"
-#include "records/loaded_indexes.h"
-#include "records/rows.h"
-#include "records/scan.h"
+#include "tables/fields.h"
+#include "tables/loaded_indexes.h"
+#include "tables/rows.h"
+#include "tables/scan.h"
 
 namespace jdb::query {
 namespace {

@@ -9,11 +9,11 @@
 #include "host/collector.h"
 #include "host/huge_pages.h"
 #include "query/convert.h"
-#include "records/database.h"
-#include "records/fields.h"
-#include "records/loaded_indexes.h"
-#include "records/rows.h"
-#include "records/scan.h"
+#include "tables/database.h"
+#include "tables/fields.h"
+#include "tables/loaded_indexes.h"
+#include "tables/rows.h"
+#include "tables/scan.h"
 
 namespace jdb::query {
 namespace {

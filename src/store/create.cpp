@@ -7,9 +7,9 @@
 
 #include "host/collector.h"
 #include "host/module_state.h"
-#include "records/database.h"
-#include "records/fields.h"
-#include "records/rows.h"
+#include "tables/database.h"
+#include "tables/fields.h"
+#include "tables/rows.h"
 
 namespace jdb::store {
 namespace {

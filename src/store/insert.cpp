@@ -2,11 +2,11 @@
 // be taken back, and then leaves neither entry nor id behind.
 #include "store/insert.h"
 
-#include "host/containers.h"
-#include "records/database.h"
-#include "records/loaded_indexes.h"
-#include "records/rows.h"
-#include "store/indexes.h"
+#include "cpython310/containers.h"
+#include "tables/database.h"
+#include "tables/indexes.h"
+#include "tables/loaded_indexes.h"
+#include "tables/rows.h"
 
 namespace jdb::store {
 namespace {

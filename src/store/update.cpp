@@ -2,10 +2,10 @@
 // when one that follows fails.
 #include "store/update.h"
 
-#include "records/database.h"
-#include "records/loaded_indexes.h"
-#include "records/rows.h"
-#include "store/indexes.h"
+#include "tables/database.h"
+#include "tables/indexes.h"
+#include "tables/loaded_indexes.h"
+#include "tables/rows.h"
 
 namespace jdb::store {
 namespace {

@@ -3,9 +3,9 @@
 #include "store/validate.h"
 
 #include "host/module_state.h"
-#include "records/fields.h"
-#include "records/rows.h"
-#include "records/scan.h"
+#include "tables/fields.h"
+#include "tables/rows.h"
+#include "tables/scan.h"
 
 namespace jdb::store {
 namespace {

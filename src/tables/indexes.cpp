@@ -1,16 +1,16 @@
 // Index addition and withdrawal, and their way back. Entries are noted before a change that could fail, so that
 // whatever happened by then is undone. Lists and dictionaries have room for what may have to return, and an index whose
 // key is of the host's own making is remembered as it was.
-#include "store/indexes.h"
+#include "tables/indexes.h"
 
 #include <algorithm>
 #include <array>
 
-#include "host/containers.h"
-#include "records/fields.h"
-#include "records/scan.h"
+#include "cpython310/containers.h"
+#include "tables/fields.h"
+#include "tables/scan.h"
 
-namespace jdb::store {
+namespace jdb {
 namespace {
 
 // Calls `use` with the slot of each value that the row has in an indexed column, in column order.
@@ -270,4 +270,4 @@ IndexWithdrawal::~IndexWithdrawal() {
     }
 }
 
-}  // namespace jdb::store
+}  // namespace jdb

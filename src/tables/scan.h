@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "host/object.h"
-#include "records/fields.h"
+#include "tables/fields.h"
 
 namespace jdb {
 

@@ -1,5 +1,5 @@
 // Looking up tables. Only reads.
-#include "records/database.h"
+#include "tables/database.h"
 
 namespace jdb {
 

@@ -1,6 +1,6 @@
 // The two data classes, each from one list of its fields. Nothing of the records stays here once they are made:
 // the methods find them by name in the module's namespace.
-#include "records/records.h"
+#include "module/records.h"
 
 #include <span>
 #include <string>

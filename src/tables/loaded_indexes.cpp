@@ -1,12 +1,12 @@
 // The mark and the rebuilding. The new indexes are complete before the table gets them and loses its mark.
-#include "records/loaded_indexes.h"
+#include "tables/loaded_indexes.h"
 
 #include <vector>
 
 #include "host/collector.h"
 #include "host/huge_pages.h"
-#include "records/fields.h"
-#include "records/rows.h"
+#include "tables/fields.h"
+#include "tables/rows.h"
 
 namespace jdb {
 namespace {

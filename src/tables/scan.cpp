@@ -1,12 +1,12 @@
 // Everything here works on objects of exactly known types, so that no host code runs between two looks at a row.
-#include "records/scan.h"
+#include "tables/scan.h"
 
 #include <array>
 #include <memory>
 
 #include "host/collector.h"
 #include "host/module_state.h"
-#include "records/rows.h"
+#include "tables/rows.h"
 
 namespace jdb {
 namespace {

@@ -1,7 +1,7 @@
 // Certainty comes from three facts: the type looks attributes up in the ordinary way, it has no descriptor that would
 // go before the instance's dictionary, and all names that are compared are exact strings, the class's as the
 // instance's. What was found holds for as long as the object's stamp is the same.
-#include "records/fields.h"
+#include "tables/fields.h"
 
 #include <array>
 

@@ -1,7 +1,7 @@
 // The database object as its methods see it: its tables, and the message shared by all that look one up.
 #pragma once
 
-#include "records/fields.h"
+#include "tables/fields.h"
 
 namespace jdb {
 

@@ -7,7 +7,7 @@
 
 #include "host/object.h"
 
-namespace jdb::store {
+namespace jdb {
 
 // One value's place in one column index, and the way back from a change there.
 class IndexSlot {
@@ -104,4 +104,4 @@ private:
     std::vector<Entry> entries_;
 };
 
-}  // namespace jdb::store
+}  // namespace jdb

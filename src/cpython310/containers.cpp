@@ -1,5 +1,5 @@
 // The layouts are those of CPython 3.10, the only version that the module is built for.
-#include "host/containers.h"
+#include "cpython310/containers.h"
 
 #include <vector>
 

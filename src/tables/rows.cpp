@@ -1,7 +1,7 @@
 // Tests on rows. A row or a list of rows that the host has replaced by another kind of object is walked as such.
-#include "records/rows.h"
+#include "tables/rows.h"
 
-#include "records/fields.h"
+#include "tables/fields.h"
 
 namespace jdb {
 

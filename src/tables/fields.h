@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "host/containers.h"
+#include "cpython310/containers.h"
 #include "host/object.h"
 
 namespace jdb {
