@@ -37,7 +37,7 @@ class FaultTest(unittest.TestCase):
             os.mkdir(data)
             preload = ":".join(filter(None, (os.environ.get("LD_PRELOAD"), LIBRARY)))
             paths = os.pathsep.join(map(os.path.abspath, sys.path))
-            code = f"import fault_support as s, test_faults as t; s.run_cases(t.{call})"
+            code = f"import fault_support as s, {function.__module__} as t; s.run_cases(t.{call})"
             done = subprocess.run(
                 [*through, sys.executable, "-X", "dev", "-c", code], cwd=data,
                 env={**os.environ, "LD_PRELOAD": preload, "PYTHONPATH": paths}, timeout=400,

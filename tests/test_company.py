@@ -1,0 +1,178 @@
+"""Interrupts, threads, other processes and the exit."""
+
+import contextlib
+import gc
+import io
+import json
+import os
+import random
+import signal
+import sys
+import tempfile
+import threading
+import time
+import traceback
+import unittest
+
+from fault_support import (
+    LONG, OPERATIONS, PATH, FaultTest, disagreement, fresh, listing, outcome, read, reset, saved)
+from support import JSONDatatable, run_python
+from test_hostile_objects import misbehave, table
+
+
+def grown(size):
+    db = fresh()
+    db.tables["t"].rows = [[row, str(row), None, row / 2] for row in range(size)]
+    db._build_indexes("t")
+    return db
+
+
+LONG_TEXT = "x" * 10 ** 5
+
+
+def alike(size):
+    """Many rows that are slow to tell from what is looked for."""
+    db = fresh()
+    table(db).rows = [[0, LONG_TEXT + "a", None, None]] * (size // 2)
+    return db
+
+
+WALKS = {
+    **{name: (grown, OPERATIONS[name]) for name in ("insert", "update", "clear_table", "save", "load", "_build_indexes")},
+    "display_table": (grown, lambda db: db.display_table("t", 0)),
+    "rebuild": (lambda size: JSONDatatable(PATH), lambda db: db._dict_to_row_id(table(db), {"k": 0})),
+    "select": (alike, lambda db: db.select("t", {"s": LONG_TEXT + "b", "k": 0})),
+    "look-up": (alike, lambda db: db._dict_to_row_id(table(db), {"s": LONG_TEXT + "b"})),
+    "uniqueness": (alike, lambda db: db._validate_row(table(db), {"s": LONG_TEXT + "b"})),
+}
+
+
+def interrupts(cases, size):
+    """An interrupt that comes after a third of an operation ends it well before its time."""
+    signal.signal(signal.SIGPROF, lambda *_: misbehave(KeyboardInterrupt))
+    reset(b"")
+    content = saved(grown(size))
+    for name, (make, operation) in WALKS.items():
+        taken = []
+        for third in (0, 1):
+            reset(content)
+            db = make(size)
+            with contextlib.redirect_stdout(io.StringIO()) as output:
+                start = time.process_time()
+                signal.setitimer(signal.ITIMER_PROF, third and taken[0] / 3)
+                got, _ = outcome(operation, db, show=type)
+                signal.setitimer(signal.ITIMER_PROF, 0)
+                taken.append(time.process_time() - start)
+        with cases(name, taken):
+            # Clocks are coarse, and the host reads a whole file in one go.
+            if taken[0] < 0.05 and got[0] == "returned":
+                continue
+            assert got == (KeyboardInterrupt, ("misbehaved",)), got
+            assert taken[1] < taken[0] * 0.8 or name == "load" or taken[0] < 0.1, "honoured late"
+            assert read() == content and listing() == [f"./{PATH}"] and (name != "load" or not output.getvalue())
+            if name == "rebuild":
+                operation(db)
+            assert name == "load" or list(table(db).indexes) == ["k", "s", "u"]
+            assert make is alike or not disagreement(db), "not whole"
+
+
+def crowd(cases, seconds):
+    """Several threads on one object: errors, but no crash."""
+    sys.setswitchinterval(1e-6)
+    reset(b"")
+    saved(fresh())
+    for start in range(3):
+        db, until, errors = grown(30 * start), time.monotonic() + seconds / 3, set()
+
+        def work(seed):
+            chosen = random.Random(seed)
+            while time.monotonic() < until:
+                name = chosen.choice(list(OPERATIONS))
+                errors.add((name, outcome(OPERATIONS[name], db, show=type)[0][0]))
+
+        threads = [threading.Thread(target=work, args=(seed,)) for seed in range(4)]
+        with cases(start), contextlib.redirect_stdout(io.StringIO()):
+            for act in (threading.Thread.start, threading.Thread.join):
+                for thread in threads:
+                    act(thread)
+            assert SystemError not in {error for _, error in errors}, errors
+            json.loads(read())
+            assert listing() == [f"./{PATH}"]
+
+
+def many_processes(cases, seconds):
+    """Writers and readers on one file: each reader always finds one writer's complete document."""
+    reset(b"")
+    saved(fresh())
+    until, children = time.monotonic() + seconds, {}
+    for number in range(6):
+        child = os.fork()
+        if child == 0:
+            try:
+                db = grown(number * 50)
+                while time.monotonic() < until:
+                    if number % 2:
+                        db.save()
+                    rows = JSONDatatable(PATH).tables["t"].rows
+                    assert rows == grown(len(rows)).tables["t"].rows or len(rows) == 5
+            except BaseException:
+                traceback.print_exc()
+                os._exit(1)
+            os._exit(0)
+        children[child] = number
+    for child, number in children.items():
+        with cases(number):
+            assert os.waitpid(child, 0)[1] == 0
+    assert listing() == [f"./{PATH}"], listing()
+
+
+BEGIN = """
+    import atexit, gc, random, sys, threading, time
+    from talvern_client.utils.json_database import Column, JSONDatatable
+    db = JSONDatatable("database.json")
+    db.create_table("t", [Column(name, "t", False) for name in "kso"])
+"""
+DAEMONS = """
+    db.tables["t"].rows += [[None, "x" * 100, {{}}] for _ in range(300)]
+    sys.setswitchinterval(1e-5)
+    def work():
+        while True:
+            {}
+    for _ in range(3):
+        threading.Thread(target=work, daemon=True).start()
+    time.sleep(random.random() / 50)
+"""
+ENDINGS = [
+    """
+    class Saving:
+        def __del__(self, db=db):
+            db.save()
+            db.select("t")
+    keep, db.keep = Saving(), Saving()
+    """,
+    "atexit.register(db.insert, 't', {'k': 1})",
+    "del sys.modules['talvern_client.utils.json_database'], JSONDatatable; gc.collect(); db.insert('t', {'k': 1})",
+    *map(DAEMONS.format, ("db.save()", "db.tables['t'].rows[0][2] = {1}; db.save()", "JSONDatatable('database.json')")),
+]
+
+
+class Company(FaultTest):
+    def test_interrupts(self):
+        self.in_child(interrupts, 400000 if LONG else 60000)
+
+    def test_threads(self):
+        self.in_child(crowd, 9 if LONG else 0.6)
+
+    def test_many_processes(self):
+        self.in_child(many_processes, 8 if LONG else 0.5)
+
+    def test_exit(self):
+        for ending in ENDINGS:
+            for _ in range((20 if LONG else 2) if "daemon" in ending else 1):
+                with self.subTest(ending), tempfile.TemporaryDirectory() as folder:
+                    run_python(BEGIN + ending if "\n" in ending else f"{BEGIN}    {ending}", folder)
+                    rows = JSONDatatable(os.path.join(folder, PATH)).tables["t"].rows
+                    self.assertTrue("insert" not in ending or rows == [[1, None, None]], rows)
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,134 @@
+"""What a file name may lead to: links, modes, owners, devices, mounts."""
+
+import ctypes
+import errno
+import os
+import resource
+import shutil
+import subprocess
+import sys
+import unittest
+
+from fault_support import (
+    OPERATIONS, PATH, FaultTest, disagreement, fresh, listing, old_and_new, outcome, read, reset, saved)
+from test_hostile_objects import misbehave
+
+
+def lose_rights():
+    os.chmod(".", 0o777)
+    if os.getuid() == 0:
+        os.setgroups([])
+        os.setgid(65534)
+        os.setuid(65534)
+        ctypes.CDLL(None).prctl(4, 1)  # else the process may not look at its own descriptors any more
+
+
+def targets(cases):
+    """What is written as it is, what another name leads to as well, what the system limits, what is told to others."""
+    lose_rights()  # a fault may not harm the machine's own devices
+    content, before, _ = old_and_new("save", "plain")
+    gone, pipe, seen, limits = open("gone", "w+b", 0), os.pipe(), [], resource.getrlimit(resource.RLIMIT_FSIZE)
+    os.unlink("gone")
+    os.mkfifo("fifo")
+    fifo = os.open("fifo", os.O_RDONLY | os.O_NONBLOCK)
+    for target, error_number, contents in (
+            ("fifo", None, lambda: os.read(fifo, 10 ** 5)), ("/dev/null", None, None), ("/dev/full", errno.ENOSPC, None),
+            (f"/proc/self/fd/{pipe[1]}", None, lambda: os.read(pipe[0], 10 ** 5)),
+            (f"/proc/self/fd/{gone.fileno()}", None, gone.read), (pipe[1], None, lambda: os.read(pipe[0], 10 ** 5))):
+        with cases(target):
+            db, kind = fresh(), None if isinstance(target, int) else os.stat(target).st_mode
+            db.filename = target
+            _, error = outcome(db.save)
+            assert error_number == getattr(error, "errno", None), error
+            assert contents is None or contents() == content
+            assert kind is None and outcome(os.fstat, target)[1] or os.stat(target).st_mode == kind
+    with cases("hard link"):
+        os.link(PATH, "twin")
+        OPERATIONS["insert"](fresh())
+        assert (read("twin"), os.stat("twin").st_nlink) == (content, 1)
+    os.symlink(PATH, "link")
+    for name in (PATH, "link"):
+        with cases("limited size", name):
+            resource.setrlimit(resource.RLIMIT_FSIZE, (len(read()) + 100, limits[1]))
+            db, old, there = fresh(), read(), listing()
+            db.filename = name
+            _, error = outcome(db.insert, "t", {"o": "x" * (len(old) + 1000)})
+            assert (error.errno, error.filename, read(), listing()) == (errno.EFBIG, name, old, there)
+            resource.setrlimit(resource.RLIMIT_FSIZE, limits)
+            assert saved(db) != old
+    with cases("audit"):
+        sys.addaudithook(lambda event, values: event == "open" and values[0] == PATH and seen.append(values) or (
+            refused and values == refused[0] and misbehave(PermissionError)))
+        refused = []
+        for mode in "rw":
+            open(PATH, mode, encoding="utf-8").close()
+        fresh().save()
+        fresh().load()
+        assert seen[2:] == [seen[1], seen[0]], seen
+        old, refused = read(), seen[1:2]
+        assert isinstance(outcome(OPERATIONS["insert"], fresh())[1], PermissionError) and read() == old
+
+
+def ordinary_user(cases):
+    """Also: what was another group's may not be given to this one."""
+    reset(b"")
+    content = saved(fresh())
+    modes = {"protected": 0o444, "sub/in a protected folder": 0o666, "narrow": 0o662, "wide": 0o646}
+    for path, mode in modes.items():
+        with open(path, "wb") as file:
+            file.write(content)
+        os.chmod(path, mode)
+    lose_rights()
+    for path, mode in modes.items():
+        with cases(path):
+            db, before, had = fresh(), listing(), os.stat(path)
+            db.filename = path
+            _, error = outcome(OPERATIONS["insert"], db)
+            assert listing() == before
+            if "protected" in path:
+                assert (type(error), error.filename, read(path)) == (PermissionError, path, content), error
+                continue
+            now = os.stat(path)
+            assert error is None and read(path) != content and now.st_mode & 0o007 == mode & 0o007, error
+            assert now.st_gid == had.st_gid or now.st_mode & 0o070 & ~((mode & 0o007) << 3) == 0, oct(now.st_mode)
+
+
+def mounted(cases):
+    """In a name space of mounts that ends with the process."""
+    content, *_ = old_and_new("save", "plain")
+    with cases("mounted by itself"):
+        subprocess.run(["mount", "--bind", PATH, PATH], check=True)
+        _, error = outcome(OPERATIONS["insert"], fresh())
+        assert (error.errno, error.filename) == (errno.EBUSY, PATH), error
+        assert (read(), listing()) == (content, [f"./{PATH}"])
+    with cases("full disk"):
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", "sub"], check=True)
+        os.chdir("sub")
+        db, error = fresh(), None
+        while error is None:
+            content = saved(db)
+            _, error = outcome(db.insert, "t", {"o": "x" * 1000})
+        assert (error.errno, error.filename) == (errno.ENOSPC, PATH), error
+        assert (read(), listing()) == (content, [f"./{PATH}"]) and not disagreement(db)
+        subprocess.run(["mount", "-o", "remount,size=1m", "."], check=True)
+        assert len(saved(db)) > len(content) + 1000
+        os.chdir("..")
+
+
+CAN_MOUNT = bool(shutil.which("unshare")) and not subprocess.run(["unshare", "-rm", "true"], capture_output=True).returncode
+
+
+class Targets(FaultTest):
+    def test_targets(self):
+        self.in_child(targets)
+
+    @unittest.skipUnless(os.getuid() == 0, "only root can become another user")
+    def test_ordinary_user(self):
+        self.in_child(ordinary_user)
+
+    @unittest.skipUnless(CAN_MOUNT, "mounting is not permitted here")
+    def test_mounts(self):
+        self.in_child(mounted, through=("unshare", "-rm"))
+
+if __name__ == "__main__":
+    unittest.main()
