@@ -1,8 +1,11 @@
 """The database as a plain Python program: the operations' steps one after the other, nothing cleverer.
 
 The baseline called "literal". It makes a dictionary of a row wherever a row is looked at, and writes with
-json.dump straight into the database file, unflushed, so it spares itself what a safe file costs.
+json.dump straight into the database file, unflushed, so it spares itself what a safe file costs. The tests' model
+is this program too, with what the module does besides (tests/model.py).
 """
+
+from __future__ import annotations
 
 import json
 import os
@@ -36,7 +39,7 @@ class JSONDatatable:
         self.tables = {}
         self.load()
 
-    def create_table(self, table_name, columns):
+    def create_table(self, table_name: str, columns: List[Column]):
         if table_name in self.tables:
             raise ValueError(f"Table '{table_name}' already exists")
         self.tables[table_name] = Table(name=table_name, columns=columns)
@@ -44,25 +47,28 @@ class JSONDatatable:
         self.save()
         return True
 
-    def _build_indexes(self, table_name):
+    def _build_indexes(self, table_name: str):
         table = self.tables[table_name]
         table.indexes = {}
         for column in table.columns:
             if column.unique:
                 self._build_index(table_name, column.name)
 
-    def _build_index(self, table_name, column_name):
+    def _build_index(self, table_name: str, column_name: str):
         table = self.tables[table_name]
         table.indexes[column_name] = {}
         for row_id, row in enumerate(table.rows):
             if all(value is None for value in row):
                 continue
-            value = self._row_to_dict(table, row).get(column_name)
+            value = None
+            for i, column in enumerate(table.columns):
+                if column.name == column_name:
+                    value = row[i]
             if value not in table.indexes[column_name]:
                 table.indexes[column_name][value] = []
             table.indexes[column_name][value].append(row_id)
 
-    def _validate_row(self, table, data, update=False):
+    def _validate_row(self, table: Table, data: Dict[str, Any], update: bool = False) -> Dict[str, Any]:
         validated = {}
         for column in table.columns:
             value = data.get(column.name, column.default)
@@ -95,7 +101,10 @@ class JSONDatatable:
     def _add_to_indexes(self, table, row_id, row):
         for idx, column in enumerate(table.columns):
             if column.name in table.indexes:
-                table.indexes[column.name].setdefault(row[idx], []).append(row_id)
+                column_index = table.indexes[column.name]
+                if row[idx] not in column_index:
+                    column_index[row[idx]] = []
+                column_index[row[idx]].append(row_id)
 
     def _withdraw_from_indexes(self, table, row_id, row):
         for idx, column in enumerate(table.columns):
@@ -106,56 +115,74 @@ class JSONDatatable:
                     if not column_index[row[idx]]:
                         del column_index[row[idx]]
 
-    def insert(self, table_name, data):
+    def insert(self, table_name: str, data: Dict[str, Any]) -> int:
         if table_name not in self.tables:
             raise ValueError(f"Table '{table_name}' does not exist")
-        table = self.tables[table_name]
+        row_id = self._append_row(self.tables[table_name], data)
+        self.save()
+        return row_id
+
+    def _append_row(self, table, data):
         validated = self._validate_row(table, data)
         row = [validated[column.name] for column in table.columns]
         row_id = len(table.rows)
         table.rows.append(row)
         self._add_to_indexes(table, row_id, row)
-        self.save()
         return row_id
 
-    def update(self, table_name, row_id, new_data):
+    def update(self, table_name: str, row_id: int, new_data: Dict[str, Any]) -> bool:
         if table_name not in self.tables:
             raise ValueError(f"Table '{table_name}' does not exist")
         table = self.tables[table_name]
         if row_id < 0 or row_id >= len(table.rows):
             raise IndexError(f"Row index {row_id} out of range")
+        self._replace_row(table, row_id, new_data)
+        self.save()
+        return True
+
+    def _replace_row(self, table, row_id, new_data):
         self._withdraw_from_indexes(table, row_id, table.rows[row_id])
         validated = self._validate_row(table, new_data, update=True)
         row = [validated[column.name] for column in table.columns]
         table.rows[row_id] = row
         self._add_to_indexes(table, row_id, row)
+
+    def clear_table(self, table_name: str) -> bool:
+        if table_name not in self.tables:
+            raise ValueError(f"Table '{table_name}' does not exist")
+        table = self.tables[table_name]
+        for row_id in range(len(table.rows)):
+            self._clear_row(table, row_id)
         self.save()
         return True
 
-    def delete(self, table_name, row_id):
+    def delete(self, table_name: str, row_id: int) -> bool:
         if table_name not in self.tables:
             raise ValueError(f"Table '{table_name}' does not exist")
         table = self.tables[table_name]
         if row_id < 0 or row_id >= len(table.rows):
             raise IndexError("Row index out of range")
-        self._withdraw_from_indexes(table, row_id, table.rows[row_id])
-        table.rows[row_id] = [None] * len(table.columns)
+        self._clear_row(table, row_id)
         self.save()
         return True
 
-    def _row_to_dict(self, table, row, columns=None):
+    def _clear_row(self, table, row_id):
+        self._withdraw_from_indexes(table, row_id, table.rows[row_id])
+        table.rows[row_id] = [None] * len(table.columns)
+
+    def _row_to_dict(self, table: Table, row: List[Any], columns: Optional[List[str]] = None) -> Dict[str, Any]:
         row_dict = {}
         for i, column in enumerate(table.columns):
             if columns is None or column.name in columns:
                 row_dict[column.name] = row[i]
         return row_dict
 
-    def _project_row(self, row_dict, columns):
+    def _project_row(self, row_dict: Dict[str, Any], columns: Optional[List[str]]) -> Dict[str, Any]:
         if columns is None:
             return row_dict.copy()
         return {name: row_dict[name] for name in columns if name in row_dict}
 
-    def _dict_to_row_id(self, table, data):
+    def _dict_to_row_id(self, table: Table, data: Dict[str, Any]) -> Optional[int]:
         if not table.rows:
             return None
         for column in table.columns:
@@ -174,7 +201,8 @@ class JSONDatatable:
                 return row_id
         return None
 
-    def select(self, table_name, conditions=None, columns=None, limit=None):
+    def select(self, table_name: str, conditions: Optional[Dict[str, Any]] = None,
+               columns: Optional[List[str]] = None, limit: Optional[int] = None) -> List[Dict[str, Any]]:
         if table_name not in self.tables:
             raise ValueError(f"Table '{table_name}' does not exist")
         table = self.tables[table_name]
@@ -205,7 +233,7 @@ class JSONDatatable:
                 break
         return results
 
-    def get_row(self, table_name, row_id):
+    def get_row(self, table_name: str, row_id: int) -> Dict[str, Any]:
         if table_name not in self.tables:
             raise ValueError(f"Table '{table_name}' does not exist")
         table = self.tables[table_name]
@@ -217,26 +245,27 @@ class JSONDatatable:
         return self._row_to_dict(table, row)
 
     def save(self):
-        tables = {}
-        for table_name, table in self.tables.items():
-            tables[table_name] = {
-                "name": table.name,
-                "columns": [
-                    {
-                        "name": column.name,
-                        "data_type": column.data_type,
-                        "required": column.required,
-                        "unique": column.unique,
-                        "default": column.default,
-                        "validation_pattern": column.validation_pattern,
-                    }
-                    for column in table.columns
-                ],
-                "rows": [row for row in table.rows if any(value is not None for value in row)],
-                "indexes": table.indexes,
-            }
+        tables = {table_name: self._written_table(table) for table_name, table in self.tables.items()}
         with open(self.filename, "w", encoding="utf-8") as file:
             json.dump({"tables": tables}, file, indent=None, ensure_ascii=False, default=str)
+
+    def _written_table(self, table):
+        return {
+            "name": table.name,
+            "columns": [
+                {
+                    "name": column.name,
+                    "data_type": column.data_type,
+                    "required": column.required,
+                    "unique": column.unique,
+                    "default": column.default,
+                    "validation_pattern": column.validation_pattern,
+                }
+                for column in table.columns
+            ],
+            "rows": [row for row in table.rows if any(value is not None for value in row)],
+            "indexes": table.indexes,
+        }
 
     def load(self):
         if not os.path.exists(self.filename):
@@ -246,24 +275,26 @@ class JSONDatatable:
                 document = json.load(file)
                 self.tables = {}
                 for table_name, table in document.get("tables", {}).items():
-                    columns = [
-                        Column(
-                            name=column["name"],
-                            data_type=column["data_type"],
-                            required=column.get("required", True),
-                            unique=column.get("unique", False),
-                            default=column.get("default"),
-                            validation_pattern=column.get("validation_pattern"),
-                        )
-                        for column in table["columns"]
-                    ]
-                    self.tables[table_name] = Table(
-                        name=table["name"], columns=columns, rows=table["rows"], indexes=table.get("indexes", {}))
+                    self.tables[table_name] = self._read_table(table)
         except Exception as error:
             print("Error loading database: " + str(error))
             raise
 
-    def display_table(self, table_name, limit=10):
+    def _read_table(self, table):
+        columns = [
+            Column(
+                name=column["name"],
+                data_type=column["data_type"],
+                required=column.get("required", True),
+                unique=column.get("unique", False),
+                default=column.get("default"),
+                validation_pattern=column.get("validation_pattern"),
+            )
+            for column in table["columns"]
+        ]
+        return Table(name=table["name"], columns=columns, rows=table["rows"], indexes=table.get("indexes", {}))
+
+    def display_table(self, table_name: str, limit: int = 10):
         if table_name not in self.tables:
             print(f"Table '{table_name}' does not exist")
             return

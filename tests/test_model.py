@@ -23,6 +23,7 @@ from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
 
+import literal
 import model
 
 
@@ -139,7 +140,7 @@ class Side:
     def look(self):
         """All that a caller can see after it."""
         os.chdir(self.folder)
-        tables = [(name, vars(table), vars(table).get(model.AS_READ, self) is table.indexes)
+        tables = [(name, vars(table), vars(table).get(model.LOADED_INDEXES, self) is table.indexes)
                   for name, table in self.db.tables.items()]
         files = [(path, Path(path).read_bytes()) for path in sorted(os.listdir()) if path != "folder"]
         return repr(tables), self.db.filename, files
@@ -166,7 +167,7 @@ class Side:
     def failure(self, error):
         """Class and arguments. How a type is named in full, and the note on a subclass, are free wording; text may be
         encoded whole or in pieces."""
-        words = re.sub(r"(?<=got )\w+\.", "", repr(error.args).replace(self.module.__name__, ""))
+        words = re.sub(r"(?<=got )\w+\.", "", repr(error.args).replace(self.module.__name__ + ".", ""))
         if isinstance(error, UnicodeEncodeError):
             words = error.object[error.start:error.end] + error.reason
         if "has incorrect type (expected" in words:
@@ -276,7 +277,7 @@ class Step:
 
     def call(self):
         """A call of a method, its arguments given by position, by name, or now and then wrongly."""
-        parameters = list(inspect.signature(getattr(model.JSONDatatable, self.what)).parameters.values())[1:]
+        parameters = list(inspect.signature(getattr(literal.JSONDatatable, self.what)).parameters.values())[1:]
         values = {p.name: self.argument(p.name) for p in parameters if p.default is p.empty or self.chance(.6)}
         names = [p.name for p in parameters]
         while self.chance(.06) and values:
@@ -349,7 +350,7 @@ class Step:
     # Redefined methods and module names
 
     def run(self):
-        action = self.call if hasattr(model.JSONDatatable, self.what) else getattr(self, self.what)
+        action = self.call if hasattr(literal.JSONDatatable, self.what) else getattr(self, self.what)
         if self.twist is None:
             return action()
         if self.twist == "namespace":
@@ -384,10 +385,10 @@ def difference(other, seed, steps, trace=None):
     with contextlib.ExitStack() as stack:
         folder = stack.enter_context(tempfile.TemporaryDirectory())
         stack.callback(os.chdir, os.getcwd())
-        stack.enter_context(mock.patch.object(model, "open", staged_open, create=True))
+        stack.enter_context(mock.patch.object(literal, "open", staged_open, create=True))
         # An id whose value fails to compare can't be put back; the module tells that beside the failure.
         stack.enter_context(mock.patch.object(sys, "unraisablehook", lambda failure: None))
-        sides = Side(model, model.Checked, os.path.join(folder, "a")), Side(*other, os.path.join(folder, "b"))
+        sides = Side(literal, model.Checked, os.path.join(folder, "a")), Side(*other, os.path.join(folder, "b"))
         for number in steps:
             ours, theirs = [side.run(seed * 1000003 + number) for side in sides]
             if ours[3] and theirs[3]:
