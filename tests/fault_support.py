@@ -119,11 +119,18 @@ OPERATIONS = {
 }
 WRITING = ("create_table", "insert", "update", "clear_table", "delete", "save")
 # A failure half way leaves part of the change in memory: what is there must agree, or is the next build's matter.
-PARTIAL = ("clear_table", "load", "create_table")
+PARTIAL = ("clear_table", "load", "create_table", "_build_indexes")
+
+
+def settle(db):
+    """Indexes that an undo has left marked are rebuilt by the next operation that needs them."""
+    for table in db.tables.values():
+        JSONDatatable._dict_to_row_id(db, table, {})
 
 
 def memory(db, show=lambda value: value):
     """The contents, each value as `show` gives it; the order of an index's keys is nobody's promise."""
+    settle(db)
     return {name: ([list(map(show, row)) for row in table.rows],
                    {column: {show(value): list(ids) for value, ids in index.items()}
                     for column, index in table.indexes.items()}) for name, table in db.tables.items()}
@@ -131,6 +138,7 @@ def memory(db, show=lambda value: value):
 
 def disagreement(db):
     """What rows and indexes say differently."""
+    settle(db)
     for table in db.tables.values():
         live = {row_id: row for row_id, row in enumerate(table.rows) if any(value is not None for value in row)}
         for position, column in enumerate(table.columns):

@@ -1,35 +1,41 @@
 """What the module is checked against: the plain program of bench/literal.py, and what the module does besides.
 
-`JSONDatatable` undoes changes that fail half way, rebuilds indexes that were loaded, and writes keys that JSON has no
+`JSONDatatable` undoes changes that fail half way, rebuilds marked indexes, and writes keys that JSON has no
 form for as strings. `Checked` is the same behind the argument checks that the module makes; only that one refuses what
 the module refuses.
 """
 
 import contextlib
+import functools
+import operator
 import re
 
 import literal
 from literal import Column, Table  # noqa: F401
 
-LOADED_INDEXES = "_indexes_as_read"
+TO_REBUILD = "_indexes_to_rebuild"
+
+
+def mark(table):
+    vars(table)[TO_REBUILD] = table.indexes
 
 
 @contextlib.contextmanager
-def undone_on_failure(table):
-    """Leaves rows and indexes as they were when a step on them fails."""
-    rows = list(table.rows) if isinstance(table.rows, list) else None
-    indexes = table.indexes if isinstance(table.indexes, dict) else {}
-    before = {name: type(index)(index) for name, index in indexes.items() if isinstance(index, dict)}
-    lists = [(ids, list(ids)) for index in before.values() for ids in index.values() if type(ids) is list]
+def undone_on_failure(db, table, undo_row=None):
+    """A failure runs what `db.undo_steps` has been given, latest first; a step that fails itself leaves the indexes to
+    be rebuilt."""
+    db.undo_row, db.undo_steps = undo_row, []
     try:
         yield
     except BaseException:
-        if rows is not None:
-            table.rows[:] = rows
-        for ids, items in lists:
-            ids[:] = items
-        indexes.update(before)
+        for step in reversed(db.undo_steps):
+            try:
+                step()
+            except Exception:
+                mark(table)
         raise
+    finally:
+        del db.undo_row, db.undo_steps
 
 
 def is_hashable(value):
@@ -40,14 +46,15 @@ def is_hashable(value):
     return True
 
 
-def rebuild_loaded_indexes(table):
-    """Builds indexes anew that still are what the file held: rows have moved since, and keys are strings there."""
-    loaded = getattr(table, "__dict__", {}).get(LOADED_INDEXES, table)
-    if loaded is table:
+def rebuild_marked_indexes(table):
+    """Builds marked indexes anew. Those of a file name rows by ids from before the load, and their keys are strings."""
+    marked = getattr(table, "__dict__", {}).get(TO_REBUILD, table)
+    if marked is table:
         return
-    if loaded is table.indexes:
-        names = loaded if isinstance(loaded, dict) else ()
-        rebuilt = {column.name: {} for column in table.columns if column.unique or column.name in names}
+    if marked is table.indexes:
+        names = marked if isinstance(marked, dict) else {}
+        wanted = {column.name: {} for column in table.columns if column.unique or column.name in names}
+        rebuilt = {name: wanted[name] for name in [*names, *wanted] if name in wanted}
         for row_id, row in enumerate(table.rows if rebuilt else ()):
             if not isinstance(row, list) or all(value is None for value in row):
                 continue
@@ -55,7 +62,7 @@ def rebuild_loaded_indexes(table):
                 if column.name in rebuilt and is_hashable(value):
                     rebuilt[column.name].setdefault(value, []).append(row_id)
         table.indexes = rebuilt
-    del vars(table)[LOADED_INDEXES]
+    del vars(table)[TO_REBUILD]
 
 
 def is_json_key(value):
@@ -71,32 +78,64 @@ def with_json_keys(column_index):
 
 class JSONDatatable(literal.JSONDatatable):
     def _append_row(self, table, data):
-        rebuild_loaded_indexes(table)
-        with undone_on_failure(table):
+        rebuild_marked_indexes(table)
+        with undone_on_failure(self, table, lambda: table.rows.pop()):
             return super()._append_row(table, data)
 
     def _replace_row(self, table, row_id, new_data):
-        rebuild_loaded_indexes(table)
-        with undone_on_failure(table):
+        rebuild_marked_indexes(table)
+        with undone_on_failure(self, table, functools.partial(operator.setitem, table.rows, row_id, table.rows[row_id])):
             super()._replace_row(table, row_id, new_data)
 
     def clear_table(self, table_name):
-        rebuild_loaded_indexes(self.tables.get(table_name))
+        rebuild_marked_indexes(self.tables.get(table_name))
         return super().clear_table(table_name)
 
     def _clear_row(self, table, row_id):
-        rebuild_loaded_indexes(table)
-        with undone_on_failure(table):
+        rebuild_marked_indexes(table)
+        with undone_on_failure(self, table):
             super()._clear_row(table, row_id)
+
+    def _add_to_indexes(self, table, row_id, row):
+        def undo(index, value, ids, is_new):
+            del ids[-1]
+            if is_new and not ids:
+                del index[value]
+
+        self.undo_steps.append(self.undo_row)
+        for idx, column in enumerate(table.columns):
+            if column.name in table.indexes:
+                index, value = table.indexes[column.name], row[idx]
+                is_new = value not in index
+                if is_new:
+                    index[value] = []
+                index[value].append(row_id)
+                self.undo_steps.append(functools.partial(undo, index, value, index[value], is_new))
+
+    def _withdraw_from_indexes(self, table, row_id, row):
+        def undo(index, value, ids, position):
+            if not ids:
+                ids = index.setdefault(value, ids)
+            ids.insert(position, row_id)
+
+        for idx, column in enumerate(table.columns):
+            if column.name in table.indexes:
+                index, value = table.indexes[column.name], row[idx]
+                if value in index and row_id in index[value]:
+                    ids = index[value]
+                    self.undo_steps.append(functools.partial(undo, index, value, ids, ids.index(row_id)))
+                    ids.remove(row_id)
+                    if not ids:
+                        del index[value]
 
     def select(self, table_name, conditions=None, columns=None, limit=None):
         if conditions and len(conditions) == 1:
-            rebuild_loaded_indexes(self.tables.get(table_name))
+            rebuild_marked_indexes(self.tables.get(table_name))
         return super().select(table_name, conditions, columns, limit)
 
     def _dict_to_row_id(self, table, data):
         if table.rows:
-            rebuild_loaded_indexes(table)
+            rebuild_marked_indexes(table)
         return super()._dict_to_row_id(table, data)
 
     def get_row(self, table_name, row_id):
@@ -113,7 +152,7 @@ class JSONDatatable(literal.JSONDatatable):
 
     def _read_table(self, table):
         result = super()._read_table(table)
-        vars(result)[LOADED_INDEXES] = result.indexes
+        mark(result)
         return result
 
 

@@ -72,6 +72,8 @@ def interrupts(cases, size):
             assert read() == content and listing() == [f"./{PATH}"] and (name != "load" or not output.getvalue())
             if name == "rebuild":
                 operation(db)
+            if name == "_build_indexes":  # what was built so far stays
+                continue
             assert name == "load" or list(table(db).indexes) == ["k", "s", "u"]
             assert make is alike or not disagreement(db), "not whole"
 

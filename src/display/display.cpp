@@ -3,7 +3,7 @@
 
 #include "host/module_state.h"
 #include "tables/database.h"
-#include "tables/scan.h"
+#include "tables/walk.h"
 
 namespace jdb::display {
 namespace {

@@ -40,8 +40,8 @@ inline constinit Name unique{"unique"};
 inline constinit Name default_value{"default"};
 inline constinit Name validation_pattern{"validation_pattern"};
 
-// Marks, in a table's own dictionary, the indexes that a load put there and nothing has relied on yet.
-inline constinit Name indexes_as_read{"_indexes_as_read"};
+// Marks, in a table's own dictionary, the indexes that are to be rebuilt before anything relies on them.
+inline constinit Name indexes_to_rebuild{"_indexes_to_rebuild"};
 
 // Methods of the database object that other methods call.
 inline constinit Name load{"load"};

@@ -6,7 +6,7 @@
 #include "module/methods.h"
 #include "module/records.h"
 #include "persistence/json_text.h"
-#include "tables/fields.h"
+#include "tables/database.h"
 
 namespace jdb {
 namespace {

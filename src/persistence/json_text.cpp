@@ -8,11 +8,11 @@
 #include <array>
 #include <cstdint>
 
+#include "cpython310/own_fields.h"
 #include "host/object.h"
 #include "persistence/json_bytes.h"
 #include "persistence/json_number.h"
-#include "tables/fields.h"
-#include "tables/scan.h"
+#include "tables/walk.h"
 
 namespace jdb::persistence {
 namespace {

@@ -10,7 +10,7 @@
 #include "persistence/host_file.h"
 #include "persistence/json_reader.h"
 #include "tables/database.h"
-#include "tables/loaded_indexes.h"
+#include "tables/indexes.h"
 
 namespace jdb::persistence {
 namespace {
@@ -52,7 +52,7 @@ Ref make_table(PyObject* object) {
     const Ref indexes = member_or(object, names::indexes, no_indexes);
     Ref table = call(table_class, {},
                      {{names::name, name}, {names::columns, columns}, {names::rows, rows}, {names::indexes, indexes}});
-    mark_indexes_as_read(table);
+    mark_indexes(table);
     return table;
 }
 

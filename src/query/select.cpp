@@ -6,14 +6,14 @@
 #include <utility>
 #include <vector>
 
+#include "cpython310/versions.h"
 #include "host/collector.h"
-#include "host/huge_pages.h"
 #include "query/convert.h"
 #include "tables/database.h"
-#include "tables/fields.h"
-#include "tables/loaded_indexes.h"
+#include "tables/indexes.h"
+#include "tables/known_table.h"
 #include "tables/rows.h"
-#include "tables/scan.h"
+#include "tables/walk.h"
 
 namespace jdb::query {
 namespace {
@@ -50,7 +50,7 @@ Ref select_listed(PyObject* self, PyObject* table, PyObject* index, PyObject* va
     const Ref ids = get(index, value, results);
     if (ids == results) return results;
     for (const Ref& id : Iteration(ids)) {
-        const Ref rows = get_field(table, names::rows);
+        const Ref rows = get_attribute(table, names::rows);
         const Ref row = get_item(rows, id);
         if (is_deleted(row)) continue;
         const Ref row_dict = converts_plainly(self, row) ? row_to_dict(self, table, row, columns)
@@ -109,85 +109,104 @@ void select_row(const Query& query, PyObject* row, Results& results) {
     results.add(projected);
 }
 
-// The conditions by position; nothing where a name is not exactly a string.
-std::optional<std::vector<Condition>> plain_conditions(const Query& query, const ScanColumns& columns) {
+// The fast path of a scan: conditions by position, rows that meet them made into dictionaries where they lie.
+class ScanPlan {
+public:
+    // Nothing where the path is closed: a method that a scan calls for each row is redefined, a name is not exactly a
+    // string, or reading the columns could run Python code.
+    static std::optional<ScanPlan> make(const Query& query);
+
+    // Whether it still says what the query says; to be asked again after Python code may have run.
+    [[nodiscard]] bool is_current(const Query& query) const;
+    // Deals with the rows from `start` on up to the first that needs a closer look, or `end`; with all of them where
+    // the results are full. Runs no Python code while the collector is paused.
+    [[nodiscard]] Py_ssize_t run(PyObject* rows, Py_ssize_t start, Py_ssize_t end, Results& results);
+
+private:
+    ScanPlan(std::shared_ptr<KnownTable> known, RowFilter filter)
+        : known_(std::move(known)), filter_(std::move(filter)) {}
+
+    std::shared_ptr<KnownTable> known_;
+    RowFilter filter_;
+    std::uint64_t conditions_version_ = 0;
+    std::vector<Ref> columns_;  // as the query names them
+    std::optional<RowDicts> projected_;
+};
+
+bool calls_originals(const Query& query) {
+    return has_original(query.self, names::row_to_dict) && has_original(query.self, names::project_row);
+}
+
+std::uint64_t version_of(PyObject* conditions) { return conditions == Py_None ? 0 : dict_version(conditions); }
+
+std::optional<std::vector<Condition>> plain_conditions(PyObject* conditions, const KnownTable& known) {
     std::vector<Condition> result;
-    if (query.conditions == Py_None) return result;
+    if (conditions == Py_None) return result;
     Py_ssize_t at = 0;
     PyObject* name = nullptr;
     PyObject* value = nullptr;
-    while (PyDict_Next(query.conditions, &at, &name, &value) != 0) {
+    while (PyDict_Next(conditions, &at, &name, &value) != 0) {
         if (!PyUnicode_CheckExact(name)) return std::nullopt;
-        // -1, no such column, is kHoldsNone.
-        result.push_back({columns.last(name), Ref::borrow(value)});
+        result.push_back({known.last(name), Ref::borrow(value)});
     }
     return result;
 }
 
-bool are_plain_names(PyObject* names) {
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names); ++i) {
-        if (!PyUnicode_CheckExact(PyList_GET_ITEM(names, i))) return false;
+std::optional<ScanPlan> ScanPlan::make(const Query& query) {
+    if (!calls_originals(query)) return std::nullopt;
+    std::shared_ptr<KnownTable> known = KnownTable::of(query.table);
+    if (!known) return std::nullopt;
+    auto conditions = plain_conditions(query.conditions, *known);
+    if (!conditions) return std::nullopt;
+
+    const Py_ssize_t width = known->column_count();
+    ScanPlan plan(std::move(known), RowFilter(std::move(*conditions), width));
+    plan.conditions_version_ = version_of(query.conditions);
+    if (query.columns == Py_None) return plan;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(query.columns); ++i) {
+        plan.columns_.push_back(Ref::borrow(PyList_GET_ITEM(query.columns, i)));
+        if (!PyUnicode_CheckExact(static_cast<PyObject*>(plan.columns_.back()))) return std::nullopt;
     }
-    return true;
+    plan.projected_ = plan.known_->project(plan.columns_);
+    return plan;
 }
 
-// The fast road's condition: no method that a scan calls for each row is redefined. That the records, names and
-// values are plain is seen while they are read.
-bool may_scan_in_place(const Query& query) {
-    return has_original(query.self, names::row_to_dict) && has_original(query.self, names::project_row) &&
-           (query.columns == Py_None || are_plain_names(query.columns));
+bool ScanPlan::is_current(const Query& query) const {
+    if (!calls_originals(query) || !known_->is_current(query.table)) return false;
+    if (version_of(query.conditions) != conditions_version_) return false;
+    if (query.columns == Py_None) return true;
+    return PyList_GET_SIZE(query.columns) == static_cast<Py_ssize_t>(columns_.size()) &&
+           std::equal(columns_.begin(), columns_.end(), reinterpret_cast<PyListObject*>(query.columns)->ob_item,
+                      [](const Ref& column, PyObject* item) { return column == item; });
 }
 
-// Scans a stretch from `start` on, as far as that runs no host code: the position of the first row not dealt with.
-Py_ssize_t scan_in_place(const Query& query, PyObject* rows, Py_ssize_t start, Results& results) {
-    if (!may_scan_in_place(query)) return start;
-    ScanColumns* columns = ScanColumns::of(query.table);
-    if (columns == nullptr) return start;
-    const auto conditions = plain_conditions(query, *columns);
-    if (!conditions) return start;
-
-    const CollectorPaused paused;
-    std::optional<RowShape> projection;
-    if (query.columns != Py_None) projection = columns->project(query.columns);
-    RowShape& shape = projection ? *projection : columns->shape();
-    const Py_ssize_t looked_at = conditions->empty() ? 0 : std::max<Py_ssize_t>(conditions->front().position, 0);
-    const Py_ssize_t values = conditions->empty() ? columns->count() : 1;
-    Py_ssize_t i = start;
-    for (const Py_ssize_t end = stretch_end(rows, start); i < end && !results.full(); ++i) {
-        prefetch_rows(rows, i, looked_at, values);
-        PyObject* row = PyList_GET_ITEM(rows, i);
-        if (!is_wide_enough(row, columns->count())) break;
-        const Equality match = match_plain(row, *conditions);
-        if (match == Equality::unequal || is_deleted(row)) continue;
-        if (match == Equality::unknown) break;
-        const Ref row_dict = shape.make_dict(row);
+Py_ssize_t ScanPlan::run(PyObject* rows, Py_ssize_t start, Py_ssize_t end, Results& results) {
+    RowDicts& row_dicts = projected_ ? *projected_ : known_->row_dicts();
+    for (Py_ssize_t i = start; i < end; ++i) {
+        const RowFilter::Found found = filter_.skip(rows, i, end);
+        i = found.position;
+        if (!found.matches) return i;
+        const Ref row_dict = row_dicts.make(PyList_GET_ITEM(rows, i));
         results.add(row_dict);
+        if (results.full()) return PyList_GET_SIZE(rows);
     }
-    return i;
+    return end;
 }
 
 Ref select_scanned(const Query& query, PyObject* limit) {
     Results results(limit);
-    const Ref rows = get_field(query.table, names::rows);
-    if (!PyList_CheckExact(rows)) {
-        for (const Ref& row : Iteration(rows)) {
-            select_row(query, row, results);
-            if (results.full()) break;
-        }
-        return results.list();
-    }
-    constexpr Py_ssize_t kMany = 4096;
-    std::optional<HugePages> pages;  // once it shows that much memory will be needed
-    PyObject* list = rows;
-    for (Py_ssize_t i = 0;; ++i) {
-        if (!pages && length(results.list()) >= kMany) pages.emplace(true);
-        i = scan_in_place(query, rows, i, results);
-        if (results.full() || i >= PyList_GET_SIZE(list)) return results.list();
-        const Ref row = get_item(rows, i);
+    std::optional<ScanPlan> plan;
+    const auto scan = [&](PyObject* rows, Py_ssize_t start, Py_ssize_t end) {
+        const CollectorPaused paused;  // it would run Python code in between
+        if (!plan || !plan->is_current(query)) plan = ScanPlan::make(query);
+        return plan ? plan->run(rows, start, end, results) : start;
+    };
+    const Ref rows = get_attribute(query.table, names::rows);
+    walk_rows(rows, scan, [&](PyObject* row, Py_ssize_t /*id*/) {
         select_row(query, row, results);
-        if (results.full()) return results.list();
-        check(PyErr_CheckSignals());
-    }
+        return results.full();
+    });
+    return results.list();
 }
 
 }  // namespace
@@ -198,7 +217,7 @@ Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject*
         // Taken before host code may run and empty the dictionary.
         const auto [name, value] = only_condition(conditions);
         settle_indexes(table);
-        const Ref indexes = get_field(table, names::indexes);
+        const Ref indexes = get_attribute(table, names::indexes);
         const Ref index = item_if_key(indexes, name);
         if (index) {
             return cut(select_listed(self, table, index, value, columns), limit);
@@ -210,7 +229,7 @@ Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject*
 Ref get_row(PyObject* self, PyObject* table_name, PyObject* row_id) {
     const Ref table = require_table(self, table_name);
     Py_ssize_t position = 0;
-    const Ref rows = get_field(table, names::rows);
+    const Ref rows = get_attribute(table, names::rows);
     if (!has_row(rows, row_id, position)) {
         const Ref id_text = text_of(row_id);
         raise(PyExc_IndexError, "Row index (%U) out of range", static_cast<PyObject*>(id_text));

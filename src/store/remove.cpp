@@ -1,26 +1,23 @@
-// A row leaves the indexes before it leaves its place; when that can't be finished, its entries are put back and the
-// row stays. What clear_table removed before such a failure stays removed.
+// A row leaves the indexes before it leaves its place; when that can't be finished, it is undone and the row stays.
+// What clear_table removed before such a failure stays removed.
 #include "store/remove.h"
 
 #include "tables/database.h"
 #include "tables/indexes.h"
-#include "tables/loaded_indexes.h"
 #include "tables/rows.h"
 
 namespace jdb::store {
 namespace {
 
-void remove_row(PyObject* table, PyObject* row_id, IndexWithdrawal::Care care) {
+void remove_row(PyObject* table, PyObject* row_id) {
     const Ref rows = get_attribute(table, names::rows);
     const Ref row = get_item(rows, row_id);
-    IndexWithdrawal withdrawn(table, row_id, row, care);
-    withdrawn.withdraw();
+    RowChange change(table, row_id);
+    change.withdraw(row);
     const Ref columns = get_attribute(table, names::columns);
     const Ref tombstone = make_tombstone(columns);
-    require_in_place(table, row_id, row);
-    const Ref current_rows = get_attribute(table, names::rows);
-    set_item(current_rows, row_id, tombstone);
-    withdrawn.keep();
+    change.put(tombstone);
+    change.keep();
 }
 
 }  // namespace
@@ -31,7 +28,7 @@ Ref delete_row(PyObject* self, PyObject* table_name, PyObject* row_id) {
     const Ref rows = get_attribute(table, names::rows);
     if (!has_row(rows, row_id, position)) raise(PyExc_IndexError, "Row index out of range");
     settle_indexes(table);
-    remove_row(table, row_id, IndexWithdrawal::Care::all_keys);
+    remove_row(table, row_id);
     call_method(self, names::save);
     return Ref::boolean(true);
 }
@@ -43,7 +40,7 @@ Ref clear_table(PyObject* self, PyObject* table_name) {
     const Py_ssize_t count = length(rows);
     for (Py_ssize_t i = 0; i < count; ++i) {
         const Ref row_id = integer(i);
-        remove_row(table, row_id, IndexWithdrawal::Care::plain_keys);
+        remove_row(table, row_id);
         check(PyErr_CheckSignals());
     }
     call_method(self, names::save);

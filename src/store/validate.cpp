@@ -2,10 +2,13 @@
 // are written to, so that a refused row leaves no trace.
 #include "store/validate.h"
 
+#include <optional>
+
 #include "host/module_state.h"
-#include "tables/fields.h"
+#include "tables/database.h"
+#include "tables/known_table.h"
 #include "tables/rows.h"
-#include "tables/scan.h"
+#include "tables/walk.h"
 
 namespace jdb::store {
 namespace {
@@ -31,7 +34,7 @@ Ref convert(PyObject* data_type, PyObject* value) {
 }
 
 Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
-    const Ref data_type = get_field(column, names::data_type);
+    const Ref data_type = get_attribute(column, names::data_type);
     try {
         return convert(data_type, value);
     } catch (const PythonError&) {
@@ -51,7 +54,7 @@ Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
 }
 
 void match_pattern(PyObject* column, PyObject* column_name, PyObject* value) {
-    const Ref pattern = get_field(column, names::validation_pattern);
+    const Ref pattern = get_attribute(column, names::validation_pattern);
     if (!truth(pattern) || !PyUnicode_Check(value)) return;
     const Ref re = global(names::re);
     const Ref found = call_method(re, names::match, {pattern, value});
@@ -77,47 +80,37 @@ void compare_row(const Candidate& candidate, PyObject* row) {
     const Ref row_id = call_method(candidate.self, names::dict_to_row_id, {candidate.table, candidate.data});
     if (row_id == Py_None) return;
     if (candidate.updating) {
-        const Ref rows = get_field(candidate.table, names::rows);
+        const Ref rows = get_attribute(candidate.table, names::rows);
         const Ref found_row = get_item(rows, row_id);
         if (!unequal(row, found_row)) return;
     }
     refuse("Duplicate value for unique column '", candidate.column_name, "'");
 }
 
-// The fast road past rows that are certain not to hold the value: the first position from `start` on whose row needs
-// a closer look, or where this stretch of the walk ends. It is open while nobody has redefined how a row becomes a
-// dictionary and reading the columns runs no host code.
-Py_ssize_t skip_different(const Candidate& candidate, PyObject* rows, Py_ssize_t start) {
-    if (!has_original(candidate.self, names::row_to_dict) || !PyUnicode_CheckExact(candidate.column_name)) return start;
-    const ScanColumns* columns = ScanColumns::of(candidate.table);
-    if (columns == nullptr) return start;
-    const Py_ssize_t position = columns->last(candidate.column_name);
-    if (position < 0) return start;
-    Py_ssize_t i = start;
-    for (const Py_ssize_t end = stretch_end(rows, start); i < end; ++i) {
-        prefetch_rows(rows, i, position);
-        PyObject* row = PyList_GET_ITEM(rows, i);
-        if (!is_wide_enough(row, columns->count())) break;
-        if (compare_plain(PyList_GET_ITEM(row, position), candidate.value) == Equality::unequal) continue;
-        if (!is_deleted(row)) break;
-    }
-    return i;
+// The fast path's condition: nobody has redefined how a row becomes a dictionary, and the name is compared without
+// running Python code. That the columns are plain is seen when the table is looked at.
+bool may_skip(const Candidate& candidate) {
+    return PyUnicode_CheckExact(candidate.column_name) && has_original(candidate.self, names::row_to_dict);
 }
 
 void refuse_duplicate(const Candidate& candidate) {
-    const Ref rows = get_field(candidate.table, names::rows);
-    if (!PyList_CheckExact(rows)) {
-        for (const Ref& row : Iteration(rows)) compare_row(candidate, row);
-        return;
-    }
-    PyObject* list = rows;
-    for (Py_ssize_t i = 0;; ++i) {
-        i = skip_different(candidate, rows, i);
-        if (i >= PyList_GET_SIZE(list)) return;
-        const Ref row = get_item(rows, i);
+    std::shared_ptr<KnownTable> known;
+    std::optional<RowFilter> filter;
+    const auto skip_different = [&](PyObject* rows, Py_ssize_t start, Py_ssize_t end) {
+        if (!may_skip(candidate)) return start;
+        if (!known || !known->is_current(candidate.table)) {
+            known = KnownTable::of(candidate.table);
+            if (!known) return start;
+            const Condition condition{known->last(candidate.column_name), Ref::borrow(candidate.value)};
+            filter.emplace(std::vector{condition}, known->column_count());
+        }
+        return filter->skip(rows, start, end).position;
+    };
+    const Ref rows = get_attribute(candidate.table, names::rows);
+    walk_rows(rows, skip_different, [&](PyObject* row, Py_ssize_t /*id*/) {
         compare_row(candidate, row);
-        check(PyErr_CheckSignals());
-    }
+        return false;
+    });
 }
 
 }  // namespace
@@ -125,14 +118,14 @@ void refuse_duplicate(const Candidate& candidate) {
 Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* update) {
     const bool updating = update == Py_True;
     Ref validated = new_dict();
-    const Ref columns = get_field(table, names::columns);
+    const Ref columns = get_attribute(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
-        const Ref column_name = get_field(column, names::name);
-        const Ref default_value = get_field(column, names::default_value);
+        const Ref column_name = get_attribute(column, names::name);
+        const Ref default_value = get_attribute(column, names::default_value);
         Ref value = find_item(data, column_name);
         if (!value) value = default_value;
 
-        const Ref required = get_field(column, names::required);
+        const Ref required = get_attribute(column, names::required);
         if (truth(required) && value == Py_None && !updating) refuse("Column '", column_name, "' is required");
         if (value != Py_None) {
             value = coerce(column, column_name, value);
@@ -142,7 +135,7 @@ Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* upda
 
         // A missing value is never tested, whatever the column says of itself.
         if (value == Py_None) continue;
-        const Ref unique = get_field(column, names::unique);
+        const Ref unique = get_attribute(column, names::unique);
         if (truth(unique)) refuse_duplicate({self, table, column_name, value, data, updating});
     }
     return validated;

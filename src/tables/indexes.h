@@ -1,107 +1,86 @@
-// Keeping a table's column indexes in step with its rows. What a guard here has done it takes back when it goes out
-// of scope, unless it is told to keep it; taking back asks no host object anything that it was not asked before.
+// The column indexes of a table: column name to value to the ids of the rows that hold it, in the order in which they
+// were added. The rows are the truth; the indexes follow them, edited in place.
+//
+// Order: settle first; withdraw a row once, before its new values are validated; add it once, when it is in its place;
+// keep last. What is not kept is undone, latest step first. Where a step of that fails as well, or other code has put
+// another row in the row's place meanwhile, the table's indexes are marked, as those of a file are when it is loaded,
+// and rebuilt from the rows at the next use.
+//
+// Cost: one dictionary access for each indexed column of a row; a withdrawal also goes through the ids that share a
+// value, of which a unique column has one. A rebuild goes once through all rows.
 #pragma once
 
-#include <cstdint>
 #include <vector>
 
 #include "host/object.h"
 
 namespace jdb {
 
-// One value's place in one column index, and the way back from a change there.
-class IndexSlot {
+// ---- The whole of a table's indexes ----
+
+// Marks the indexes that the table has now as not to be relied on: those of a file name rows by the ids of the database
+// that was saved, and their keys have become strings. The mark is an entry in the table's own dictionary, which copies
+// and pickles keep; it holds the very indexes, so that others put in their place are taken as they are.
+void mark_indexes(PyObject* table);
+
+// To be called before an operation relies on the table's indexes or keeps them: rebuilds marked ones, for each column
+// that they name and each unique column. A value that can't be hashed is left unlisted. On an error the table is as it
+// was.
+void settle_indexes(PyObject* table);
+
+// Makes the marks that could not be made for want of memory; settle_indexes calls it.
+void make_late_marks();
+
+// Starts the column's index anew and lists every row that is not deleted. What was listed by the time of an error
+// stays.
+void build_index(PyObject* table, PyObject* column_name);
+
+// ---- Looking up ----
+
+// The id listed first under the value of a unique column that the data has; an empty Ref when none is listed.
+Ref find_unique_value(PyObject* table, PyObject* data);
+
+// ---- One row's change ----
+
+// A change of one row and of its index entries, step by step. Going out of scope undoes what was not kept.
+class RowChange {
 public:
-    IndexSlot(Ref indexes, Ref name, Ref value);
+    RowChange(PyObject* table, PyObject* row_id);
+    ~RowChange();
+    RowChange(const RowChange&) = delete;
+    RowChange& operator=(const RowChange&) = delete;
 
-    // The list of row ids under the value, an empty Ref when the value is no key.
-    [[nodiscard]] Ref ids() const;
-    void enter(PyObject* ids) const;
-    void drop() const;
-
-    // Around a change that may have to be taken back: makes sure that it can be, whatever the value does then, and
-    // notes what it left.
-    void before_change();
-    void after_change();
-    // Takes the change back without asking the value. False when it did not have to be guarded against or somebody else
-    // has changed the index since: then there is only the way through the value.
-    [[nodiscard]] bool take_back() const;
-
-    // Makes sure that so many keys can come without asking for memory.
-    void make_room(Py_ssize_t keys) const;
+    // Takes the id out of the lists of the row's values; a value whose list empties is dropped.
+    void withdraw(PyObject* row);
+    // Puts the row in the place of the id, whatever is there, or at the end of the table's rows.
+    void put(PyObject* row);
+    void append(PyObject* row);
+    // Lists the id under each of the row's values, at the end.
+    void add(PyObject* row);
+    void keep() noexcept;
 
 private:
-    [[nodiscard]] Ref index() const;
-    [[nodiscard]] bool uses_hash(PyObject* index) const { return hash_ != -1 && PyDict_CheckExact(index); }
-    [[nodiscard]] bool may_ask_host(PyObject* index) const;
-
-    Ref indexes_;
-    Ref name_;
-    Ref value_;
-    Py_hash_t hash_ =
-        -1;               // as the value showed it when it was first asked; -1 when it was not, the index being no dict
-    bool plain_ = false;  // neither the value nor any key of the index is of the host's own making
-    // Where a comparison by host code may fail on the way back: the index as it was, and what tells whether others have
-    // changed its successor since.
-    Ref before_;
-    std::uint64_t changed_version_ = 0;
-};
-
-// Lists a row id under each of its row's values.
-class IndexAddition {
-public:
-    explicit IndexAddition(PyObject* row_id) : row_id_(Ref::borrow(row_id)) {}
-    ~IndexAddition();
-    IndexAddition(const IndexAddition&) = delete;
-    IndexAddition& operator=(const IndexAddition&) = delete;
-
-    void add(PyObject* table, PyObject* row);
-    void keep() noexcept { entries_.clear(); }
-
-private:
-    struct Entry {
-        IndexSlot slot;
-        Ref ids;
-        bool new_key;
+    enum class Done : unsigned char { nothing, withdrawn, dropped, put, appended, listed, created };
+    struct Step {
+        Done done;
+        Ref container;  // the column's index, or the rows
+        Ref key;        // the value, or the id
+        Ref item;       // the list of ids, or the row that was there before or is now at the end
+        Py_ssize_t position = 0;
     };
-    void take_back(const Entry& entry) const;
 
-    Ref row_id_;
-    std::vector<Entry> entries_;
-};
-
-// Takes a row id out of the lists of its row's values; a value whose list empties is dropped. Taken back, each id
-// stands where it was in its list.
-class IndexWithdrawal {
-public:
-    // Whether keys that misbehave are provided for as well, which may take as long as the index is.
-    enum class Care : bool { plain_keys, all_keys };
-
-    IndexWithdrawal(PyObject* table, PyObject* row_id, PyObject* row, Care care = Care::all_keys)
-        : table_(Ref::borrow(table)), row_id_(Ref::borrow(row_id)), row_(Ref::borrow(row)), care_(care) {}
-    ~IndexWithdrawal();
-    IndexWithdrawal(const IndexWithdrawal&) = delete;
-    IndexWithdrawal& operator=(const IndexWithdrawal&) = delete;
-
-    void withdraw();
-    void keep() noexcept { entries_.clear(); }
-
-private:
-    struct Entry {
-        IndexSlot slot;
-        Ref ids;
-        Py_ssize_t position;
-        bool dropped;
-    };
-    void take_out(Entry& entry);
-    void take_back(const Entry& entry) const;
-    [[nodiscard]] bool row_is_still_there() const;
+    [[nodiscard]] bool agrees(PyObject* row) const noexcept;
+    Step& begin(Ref container, Ref key, Ref item);
+    void undo() noexcept;
+    void undo_step(const Step& step) const;
 
     Ref table_;
     Ref row_id_;
-    Ref row_;
-    Care care_;
-    std::vector<Entry> entries_;
+    Ref indexes_;  // as the change found them
+    Ref old_row_;  // that was withdrawn; empty before
+    Ref new_row_;  // that was put or appended; empty before
+    std::vector<Step> steps_;
+    bool agrees_ = true;  // whether rows and indexes certainly agree once all is done or undone
 };
 
 }  // namespace jdb

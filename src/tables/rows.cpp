@@ -1,8 +1,6 @@
 // Tests on rows. A row or a list of rows that the host has replaced by another kind of object is walked as such.
 #include "tables/rows.h"
 
-#include "tables/fields.h"
-
 namespace jdb {
 
 bool holds_only_none(PyObject* row) {
@@ -22,9 +20,9 @@ bool holds_only_none(PyObject* row) {
 
 Ref make_row(PyObject* table, PyObject* values) {
     Ref row = new_list();
-    const Ref columns = get_field(table, names::columns);
+    const Ref columns = get_attribute(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
-        const Ref name = get_field(column, names::name);
+        const Ref name = get_attribute(column, names::name);
         const Ref value = get_item(values, name);
         append(row, value);
     }
@@ -47,12 +45,6 @@ bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position) {
     if (id >= length(rows)) return false;
     position = static_cast<Py_ssize_t>(id);
     return true;
-}
-
-void require_in_place(PyObject* table, PyObject* row_id, PyObject* row) {
-    const Ref rows = get_field(table, names::rows);
-    const Ref current = get_item(rows, row_id);
-    if (current != row) raise(PyExc_RuntimeError, "row %S was changed during an operation on it", row_id);
 }
 
 }  // namespace jdb

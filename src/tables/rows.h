@@ -14,6 +14,11 @@ inline bool is_deleted(PyObject* row) {
     return !first_tells && holds_only_none(row);
 }
 
+// Whether the row is a list that holds a value for each of that many columns, which can then be read by position.
+inline bool is_wide_enough(PyObject* row, Py_ssize_t columns) {
+    return PyList_CheckExact(row) && PyList_GET_SIZE(row) >= columns;
+}
+
 // A new row of the values that a dictionary gives for the table's columns, in column order; KeyError when one is
 // missing.
 Ref make_row(PyObject* table, PyObject* values);
@@ -23,9 +28,5 @@ Ref make_tombstone(PyObject* columns);
 
 // Whether the id, exactly an int of any size, is a position in `rows`. Then `position` is set to it.
 bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position);
-
-// Raises RuntimeError when another row has come into this one's place: host code that an operation on the row ran has
-// worked on it as well, and going on would leave the indexes wrong.
-void require_in_place(PyObject* table, PyObject* row_id, PyObject* row);
 
 }  // namespace jdb

@@ -1,0 +1,73 @@
+// A table of keys becomes one to share when the values move out of its entries, into an array of the dictionary's own,
+// and its look-up function becomes the one for such tables. The interpreter does the same for the dictionary of an
+// instance; but it takes a class for that, and the class's own attributes get in the way of columns of their names.
+#include "cpython310/shared_keys.h"
+
+#include <cassert>
+
+#include "host/object.h"
+
+namespace jdb {
+namespace {
+
+struct Entry {
+    Py_hash_t hash;
+    PyObject* key;
+    PyObject* value;
+};
+
+// How many entries the interpreter lets a hash table of so many slots have.
+std::size_t most_entries(const DictKeys* keys) { return static_cast<std::size_t>(2 * keys->slots / 3); }
+
+Entry* entries_of(DictKeys* keys) {
+    const std::size_t slot_bytes = keys->slots <= 0xFF         ? 1
+                                   : keys->slots <= 0xFFFF     ? 2
+                                   : keys->slots <= 0xFFFFFFFF ? 4
+                                                               : 8;
+    char* const first_slot = reinterpret_cast<char*>(keys + 1);
+    return reinterpret_cast<Entry*>(first_slot + static_cast<std::size_t>(keys->slots) * slot_bytes);
+}
+
+// How a dictionary looks up whose table of keys is shared, as seen at an object of a class made for that; null where
+// the interpreter shares none.
+void* shared_look_up() {
+    static void* const look_up = [] {
+        const Ref name = new_text("SharesKeys");
+        const Ref bases = Ref::steal(PyTuple_New(0));
+        const Ref attributes = new_dict();
+        const Ref type = call(reinterpret_cast<PyObject*>(&PyType_Type), {name, bases, attributes});
+        const Ref object = call(type, {});
+        set_attribute(object, name, Py_None);
+        const Ref dict = Ref::steal(PyObject_GenericGetDict(object, nullptr));
+        return dict_values(dict) == nullptr ? nullptr : dict_keys(dict)->look_up;
+    }();
+    return look_up;
+}
+
+}  // namespace
+
+Ref make_shared_dict(std::span<PyObject* const> keys) {
+    Ref dict = new_dict();
+    for (PyObject* key : keys) {
+        assert(PyUnicode_CheckExact(key));
+        set_item(dict, key, Py_None);
+    }
+    DictKeys* table = dict_keys(dict);
+    const auto count = static_cast<Py_ssize_t>(keys.size());
+    const bool as_expected = table->references == 1 && table->entry_count == count && dict_values(dict) == nullptr;
+    if (keys.empty() || !as_expected || shared_look_up() == nullptr) return {};
+
+    auto* values = static_cast<PyObject**>(PyMem_Calloc(most_entries(table), sizeof(PyObject*)));
+    if (values == nullptr) throw std::bad_alloc();
+    Entry* const entries = entries_of(table);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        assert(entries[i].key == keys[i] && entries[i].value == Py_None);
+        values[i] = std::exchange(entries[i].value, nullptr);
+    }
+    table->look_up = shared_look_up();
+    table->usable = 0;  // a key that somebody adds to a copy goes to a table of that copy's own
+    dict_values(dict) = values;
+    return dict;
+}
+
+}  // namespace jdb

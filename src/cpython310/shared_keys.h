@@ -1,0 +1,34 @@
+// Dictionaries that share one table of keys, as those of a class's instances do. A new one takes two allocations and no
+// look at a key.
+#pragma once
+
+#include <span>
+
+#include "cpython310/dict_layout.h"
+#include "host/ref.h"
+
+namespace jdb {
+
+// A dictionary with these keys, all different, whose copies share its table of keys; the values are None. An empty Ref
+// where there is no key, or where the interpreter lays its dictionaries out otherwise than expected.
+Ref make_shared_dict(std::span<PyObject* const> keys);
+
+// A copy of such a dictionary with other values: `value_at(i)`, borrowed, goes to the i-th key. Runs no Python code
+// while the collector is paused.
+template <class ValueAt>
+Ref copy_shared_dict(PyObject* shared, std::size_t count, ValueAt value_at) {
+    Ref copy = Ref::steal(PyDict_Copy(shared));
+    PyObject* dict = copy;
+    PyObject** values = dict_values(dict);
+    bool may_form_cycles = false;
+    for (std::size_t i = 0; i < count; ++i) {
+        PyObject* value = value_at(i);
+        may_form_cycles = may_form_cycles || PyType_IS_GC(Py_TYPE(value)) != 0;
+        Py_INCREF(value);
+        Py_DECREF(std::exchange(values[i], value));
+    }
+    if (may_form_cycles && PyObject_GC_IsTracked(dict) == 0) PyObject_GC_Track(dict);
+    return copy;
+}
+
+}  // namespace jdb

@@ -1,0 +1,235 @@
+// A log of plain steps. Each is entered before it is taken, so that lack of memory comes before a change, and its kind
+// is set when it is done.
+#include <algorithm>
+#include <cassert>
+
+#include "tables/indexes.h"
+#include "tables/rows.h"
+
+namespace jdb {
+namespace {
+
+// Tables whose mark could not be made for want of memory; it is made before any indexes are relied on again.
+std::vector<Ref>& late_marks() {
+    static auto& tables = *new std::vector<Ref>();
+    return tables;
+}
+
+int changes_under_way = 0;
+
+// The position of the first item equal to the row id, -1 when there is none.
+Py_ssize_t find_id(PyObject* ids, PyObject* row_id) {
+    Py_ssize_t position = 0;
+    for (const Ref& id : Iteration(ids)) {
+        if (check(PyObject_RichCompareBool(id, row_id, Py_EQ)) != 0) return position;
+        ++position;
+    }
+    return -1;
+}
+
+void remove_at(PyObject* ids, Py_ssize_t position, PyObject* row_id) {
+    if (PyList_CheckExact(ids)) {
+        check(PySequence_DelItem(ids, position));
+    } else {
+        call_method(ids, names::remove, {row_id});
+    }
+}
+
+void insert_at(PyObject* ids, Py_ssize_t position, PyObject* row_id) {
+    if (PyList_CheckExact(ids)) {
+        check(PyList_Insert(ids, position, row_id));
+    } else {
+        const Ref place = integer(position);
+        call_method(ids, names::insert, {place, row_id});
+    }
+}
+
+// The position of that very object, counted from the end: an equal one that was there before is another's.
+Py_ssize_t find_last(PyObject* list, PyObject* object) {
+    for (Py_ssize_t i = length(list); i-- > 0;) {
+        const Ref item = get_item(list, i);
+        if (item == object) return i;
+    }
+    return -1;
+}
+
+// Calls `use(index, value)` for each value that the row has in an indexed column, in column order.
+template <class Use>
+void each_indexed_value(PyObject* table, PyObject* row, Use use) {
+    Py_ssize_t position = -1;
+    const Ref columns = get_attribute(table, names::columns);
+    for (const Ref& column : Iteration(columns)) {
+        ++position;
+        const Ref name = get_attribute(column, names::name);
+        const Ref indexes = get_attribute(table, names::indexes);
+        if (!contains(indexes, name)) continue;
+        const Ref value = get_item(row, position);
+        const Ref index = get_item(indexes, name);
+        use(index, value);
+    }
+}
+
+// Takes a row off the end. Rows that other code has put behind it keep their ids: then a deleted row stays in its
+// place.
+void take_off(PyObject* rows, PyObject* row) {
+    const Py_ssize_t position = find_last(rows, row);
+    if (position < 0) return;
+    if (position == length(rows) - 1) {
+        check(PySequence_DelItem(rows, position));
+    } else {
+        const Ref tombstone = make_tombstone(row);
+        check(PySequence_SetItem(rows, position, tombstone));
+    }
+}
+
+}  // namespace
+
+void make_late_marks() {
+    while (!late_marks().empty()) {
+        mark_indexes(late_marks().back());
+        late_marks().pop_back();
+    }
+}
+
+RowChange::RowChange(PyObject* table, PyObject* row_id)
+    : table_(Ref::borrow(table)), row_id_(Ref::borrow(row_id)), indexes_(get_attribute(table, names::indexes)) {
+    late_marks().reserve(late_marks().size() + static_cast<std::size_t>(changes_under_way) + 1);
+    ++changes_under_way;
+}
+
+RowChange::~RowChange() {
+    const SavedError error;
+    if (!steps_.empty()) undo();
+    --changes_under_way;
+    if (agrees_) return;
+    try {
+        mark_indexes(table_);
+    } catch (const PythonError&) {
+        PyErr_Clear();
+        late_marks().push_back(table_);
+    }
+}
+
+// Whether the row is in the place of the id, and the table's indexes are those that the change began with: then nobody
+// else has worked on the row meanwhile.
+bool RowChange::agrees(PyObject* row) const noexcept {
+    try {
+        const Ref rows = get_attribute(table_, names::rows);
+        const Ref found = get_item(rows, row_id_);
+        const Ref indexes = get_attribute(table_, names::indexes);
+        return found == row && indexes == indexes_;
+    } catch (const PythonError&) {
+        PyErr_Clear();  // no such row any more
+        return false;
+    }
+}
+
+RowChange::Step& RowChange::begin(Ref container, Ref key, Ref item) {
+    steps_.push_back({Done::nothing, std::move(container), std::move(key), std::move(item)});
+    return steps_.back();
+}
+
+void RowChange::withdraw(PyObject* row) {
+    assert(!old_row_ && !new_row_);
+    old_row_ = Ref::borrow(row);
+    each_indexed_value(table_, row, [&](const Ref& index, const Ref& value) {
+        const Ref ids = item_if_key(index, value);
+        if (!ids) return;
+        const Py_ssize_t position = find_id(ids, row_id_);
+        if (position < 0) return;
+        Step& step = begin(index, value, ids);
+        step.position = position;
+        remove_at(ids, position, row_id_);
+        step.done = Done::withdrawn;
+        if (length(ids) != 0) return;
+        check(PyObject_DelItem(index, value));
+        step.done = Done::dropped;
+    });
+}
+
+void RowChange::put(PyObject* row) {
+    assert(old_row_ && !new_row_);
+    const Ref rows = get_attribute(table_, names::rows);
+    Step& step = begin(rows, row_id_, get_item(rows, row_id_));
+    agrees_ = agrees_ && step.item == old_row_;
+    set_item(rows, row_id_, row);
+    step.done = Done::put;
+    new_row_ = Ref::borrow(row);
+}
+
+void RowChange::append(PyObject* row) {
+    assert(!old_row_ && !new_row_);
+    const Ref rows = get_attribute(table_, names::rows);
+    Step& step = begin(rows, row_id_, Ref::borrow(row));
+    jdb::append(rows, row);
+    step.done = Done::appended;
+    new_row_ = Ref::borrow(row);
+}
+
+void RowChange::add(PyObject* row) {
+    assert(new_row_ == row);
+    each_indexed_value(table_, row, [&](const Ref& index, const Ref& value) {
+        Ref ids = item_if_key(index, value);
+        const bool is_new = !ids;
+        if (is_new) ids = new_list();
+        Step& step = begin(index, value, ids);
+        if (is_new) {
+            set_item(index, value, ids);
+            step.done = Done::created;
+        }
+        jdb::append(ids, row_id_);
+        if (!is_new) step.done = Done::listed;
+    });
+}
+
+void RowChange::keep() noexcept {
+    agrees_ = agrees_ && agrees(new_row_);
+    steps_.clear();
+}
+
+void RowChange::undo() noexcept {
+    for (; !steps_.empty(); steps_.pop_back()) {
+        const Step& step = steps_.back();
+        const bool was_withdrawn = step.done == Done::withdrawn || step.done == Done::dropped;
+        if (was_withdrawn && agrees_) agrees_ = agrees(old_row_);
+        if (was_withdrawn && !agrees_) continue;
+        try {
+            undo_step(step);
+        } catch (const PythonError&) {
+            PyErr_Clear();  // the error that led here goes on; this one is made up for by the rebuild
+            agrees_ = false;
+        }
+    }
+}
+
+void RowChange::undo_step(const Step& step) const {
+    Ref ids = step.item;
+    switch (step.done) {
+        case Done::nothing: break;
+        case Done::dropped:
+            if (const Ref current = item_if_key(step.container, step.key)) {
+                ids = current;
+            } else {
+                set_item(step.container, step.key, ids);
+            }
+            [[fallthrough]];
+        case Done::withdrawn: insert_at(ids, std::min(step.position, length(ids)), row_id_); break;
+        case Done::put: {
+            const Ref current = get_item(step.container, row_id_);
+            if (current == new_row_) set_item(step.container, row_id_, step.item);
+            break;
+        }
+        case Done::appended: take_off(step.container, step.item); break;
+        case Done::created:
+        case Done::listed: {
+            const Py_ssize_t position = find_last(ids, row_id_);
+            if (position >= 0) remove_at(ids, position, row_id_);
+            if (step.done == Done::listed || length(ids) != 0) break;
+            const Ref current = item_if_key(step.container, step.key);
+            if (current == ids) check(PyObject_DelItem(step.container, step.key));
+            break;
+        }
+    }
+}
+
+}  // namespace jdb

@@ -1,0 +1,55 @@
+// From some rows on the dictionaries share one table of keys, which is made once for all tables and projections with
+// the same columns.
+#include "tables/row_dicts.h"
+
+#include <cassert>
+
+#include "cpython310/shared_keys.h"
+#include "host/object.h"
+
+namespace jdb {
+namespace {
+
+constexpr Py_ssize_t kWorthSharing = 32;  // rows
+constexpr Py_ssize_t kMaxShared = 256;    // sets of columns; past that all are forgotten
+
+// The dictionary for these keys whose table of keys is shared, known from before or made now. An empty Ref where there
+// is none: then the dictionaries are made one by one, which the caller need not hear of.
+Ref shared_dict(const std::vector<RowDicts::Entry>& entries) {
+    static PyObject* const known = PyDict_New();  // tuple of keys: dictionary
+    try {
+        std::vector<PyObject*> keys;
+        const Ref names = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(entries.size())));
+        for (const RowDicts::Entry& entry : entries) {
+            PyTuple_SET_ITEM(static_cast<PyObject*>(names), static_cast<Py_ssize_t>(keys.size()),
+                             Ref(entry.key).release());
+            keys.push_back(entry.key);
+        }
+        Ref shared = find_item(known, names);
+        if (shared) return shared;
+        shared = make_shared_dict(keys);
+        if (PyDict_GET_SIZE(known) >= kMaxShared) PyDict_Clear(known);
+        if (shared) set_item(known, names, shared);
+        return shared;
+    } catch (const PythonError&) {
+        PyErr_Clear();  // only for want of memory
+    } catch (const std::bad_alloc&) {
+    }
+    return {};
+}
+
+}  // namespace
+
+Ref RowDicts::make(PyObject* row) {
+    assert(PyList_CheckExact(row));
+    if (++made_ == kWorthSharing) shared_ = shared_dict(entries_);
+    if (shared_) {
+        return copy_shared_dict(shared_, entries_.size(),
+                                [&](std::size_t i) { return PyList_GET_ITEM(row, entries_[i].position); });
+    }
+    Ref dict = new_dict();
+    for (const Entry& entry : entries_) set_item(dict, entry.key, PyList_GET_ITEM(row, entry.position));
+    return dict;
+}
+
+}  // namespace jdb
