@@ -58,9 +58,9 @@ RowFilter filter_of(const KnownTable& known, const std::vector<Wanted>& entries)
 }
 
 Ref find_by_scan(PyObject* table, PyObject* rows, std::vector<Wanted>& entries) {
-    const std::shared_ptr<KnownTable> known = KnownTable::of(table);
+    const KnownTable* known = KnownTable::of(table);
     std::optional<RowFilter> filter;
-    if (known) filter = filter_of(*known, entries);
+    if (known != nullptr) filter = filter_of(*known, entries);
     Ref found;
     walk_rows(
         rows,
@@ -77,8 +77,8 @@ Ref find_by_scan(PyObject* table, PyObject* rows, std::vector<Wanted>& entries) 
 
 // The row as a dictionary of all columns, made without running Python code; an empty Ref where that can't be.
 Ref plain_row_to_dict(PyObject* table, PyObject* row) {
-    const std::shared_ptr<KnownTable> known = KnownTable::of(table);
-    if (!known || !is_wide_enough(row, known->column_count())) return {};
+    KnownTable* known = KnownTable::of(table);
+    if (known == nullptr || !is_wide_enough(row, known->column_count())) return {};
     const CollectorPaused paused;
     return known->row_dicts().make(row);
 }

@@ -117,16 +117,17 @@ public:
     static std::optional<ScanPlan> make(const Query& query);
 
     // Whether it still says what the query says; to be asked again after Python code may have run.
-    [[nodiscard]] bool is_current(const Query& query) const;
+    [[nodiscard]] bool is_current(const Query& query);
     // Deals with the rows from `start` on up to the first that needs a closer look, or `end`; with all of them where
     // the results are full. Runs no Python code while the collector is paused.
     [[nodiscard]] Py_ssize_t run(PyObject* rows, Py_ssize_t start, Py_ssize_t end, Results& results);
 
 private:
-    ScanPlan(std::shared_ptr<KnownTable> known, RowFilter filter)
-        : known_(std::move(known)), filter_(std::move(filter)) {}
+    ScanPlan(KnownTable* known, RowFilter filter)
+        : known_(known), known_serial_(known->serial()), filter_(std::move(filter)) {}
 
-    std::shared_ptr<KnownTable> known_;
+    KnownTable* known_;  // borrowed until Python code may have run
+    std::uint64_t known_serial_;
     RowFilter filter_;
     std::uint64_t conditions_version_ = 0;
     std::vector<Ref> columns_;  // as the query names them
@@ -154,13 +155,12 @@ std::optional<std::vector<Condition>> plain_conditions(PyObject* conditions, con
 
 std::optional<ScanPlan> ScanPlan::make(const Query& query) {
     if (!calls_originals(query)) return std::nullopt;
-    std::shared_ptr<KnownTable> known = KnownTable::of(query.table);
-    if (!known) return std::nullopt;
+    KnownTable* known = KnownTable::of(query.table);
+    if (known == nullptr) return std::nullopt;
     auto conditions = plain_conditions(query.conditions, *known);
     if (!conditions) return std::nullopt;
 
-    const Py_ssize_t width = known->column_count();
-    ScanPlan plan(std::move(known), RowFilter(std::move(*conditions), width));
+    ScanPlan plan(known, RowFilter(std::move(*conditions), known->column_count()));
     plan.conditions_version_ = version_of(query.conditions);
     if (query.columns == Py_None) return plan;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(query.columns); ++i) {
@@ -171,8 +171,10 @@ std::optional<ScanPlan> ScanPlan::make(const Query& query) {
     return plan;
 }
 
-bool ScanPlan::is_current(const Query& query) const {
-    if (!calls_originals(query) || !known_->is_current(query.table)) return false;
+bool ScanPlan::is_current(const Query& query) {
+    if (!calls_originals(query)) return false;
+    known_ = KnownTable::of(query.table);
+    if (known_ == nullptr || known_->serial() != known_serial_) return false;
     if (version_of(query.conditions) != conditions_version_) return false;
     if (query.columns == Py_None) return true;
     return PyList_GET_SIZE(query.columns) == static_cast<Py_ssize_t>(columns_.size()) &&
@@ -214,10 +216,9 @@ Ref select_scanned(const Query& query, PyObject* limit) {
 Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject* columns, PyObject* limit) {
     const Ref table = require_table(self, table_name);
     if (conditions != Py_None && PyDict_GET_SIZE(conditions) == 1) {
-        // Taken before host code may run and empty the dictionary.
+        // Taken before Python code may run and empty the dictionary.
         const auto [name, value] = only_condition(conditions);
-        settle_indexes(table);
-        const Ref indexes = get_attribute(table, names::indexes);
+        const Ref indexes = settle_indexes(table);
         const Ref index = item_if_key(indexes, name);
         if (index) {
             return cut(select_listed(self, table, index, value, columns), limit);

@@ -94,13 +94,14 @@ bool may_skip(const Candidate& candidate) {
 }
 
 void refuse_duplicate(const Candidate& candidate) {
-    std::shared_ptr<KnownTable> known;
+    std::uint64_t known_serial = 0;
     std::optional<RowFilter> filter;
     const auto skip_different = [&](PyObject* rows, Py_ssize_t start, Py_ssize_t end) {
         if (!may_skip(candidate)) return start;
-        if (!known || !known->is_current(candidate.table)) {
-            known = KnownTable::of(candidate.table);
-            if (!known) return start;
+        const KnownTable* known = KnownTable::of(candidate.table);
+        if (known == nullptr) return start;
+        if (known->serial() != known_serial) {
+            known_serial = known->serial();
             const Condition condition{known->last(candidate.column_name), Ref::borrow(candidate.value)};
             filter.emplace(std::vector{condition}, known->column_count());
         }

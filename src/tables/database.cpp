@@ -5,6 +5,7 @@
 #include <cassert>
 
 #include "cpython310/own_fields.h"
+#include "cpython310/versions.h"
 
 namespace jdb {
 namespace {
@@ -13,9 +14,11 @@ struct Original {
     Name& name;
     PyObject* function = nullptr;  // owned, for as long as the process lives
     PyObject* defaults = nullptr;  // owned, or null
+    Stamp kept_by;                 // the object last seen to redefine it nowhere
 };
 
-std::array<Original, 2> originals{{{names::row_to_dict}, {names::project_row}}};
+std::array<Original, 2> originals{
+    {{names::row_to_dict, nullptr, nullptr, {}}, {names::project_row, nullptr, nullptr, {}}}};
 
 }  // namespace
 
@@ -34,10 +37,14 @@ Ref unknown_table_text(PyObject* table_name) {
 }
 
 bool has_original(PyObject* self, Name& method) {
-    const Original& original = &method == &originals[0].name ? originals[0] : originals[1];
+    Original& original = &method == &originals[0].name ? originals[0] : originals[1];
     assert(&original.name == &method && original.function != nullptr);
-    return PyFunction_GetDefaults(original.function) == original.defaults &&
-           has_method(self, original.name, original.function);
+    if (PyFunction_GetDefaults(original.function) != original.defaults) return false;
+    const Stamp stamp = stamp_of(self);
+    if (stamp && stamp == original.kept_by) return true;
+    if (!has_method(self, original.name, original.function)) return false;
+    original.kept_by = stamp;
+    return true;
 }
 
 void note_originals(PyObject* database_class) {

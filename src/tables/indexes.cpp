@@ -126,21 +126,22 @@ void mark_indexes(PyObject* table) {
     if (indexes) set_item(dict, names::indexes_to_rebuild, indexes);
 }
 
-void settle_indexes(PyObject* table) {
+Ref settle_indexes(PyObject* table) {
     make_late_marks();
-    const std::shared_ptr<KnownTable> known = KnownTable::of(table);
-    if (known && known->has_settled_indexes()) return;
+    const KnownTable* known = KnownTable::of(table);
+    if (known != nullptr && known->has_settled_indexes()) return Ref::borrow(known->indexes());
+    Ref current = get_attribute(table, names::indexes);
     PyObject* own = own_dict(table);
-    if (own == nullptr) return;
+    if (own == nullptr) return current;
     const Ref dict = Ref::borrow(own);
     const Ref marked = find_item(dict, names::indexes_to_rebuild);
-    if (!marked) return;
-    const Ref current = get_attribute(table, names::indexes);
+    if (!marked) return current;
     if (current == marked) {
-        const Ref indexes = rebuild(table, marked);
-        set_attribute(table, names::indexes, indexes);
+        current = rebuild(table, marked);
+        set_attribute(table, names::indexes, current);
     }
     if (contains(dict, names::indexes_to_rebuild)) check(PyDict_DelItem(dict, names::indexes_to_rebuild));
+    return current;
 }
 
 void build_index(PyObject* table, PyObject* column_name) {

@@ -25,8 +25,8 @@ void mark_indexes(PyObject* table);
 
 // To be called before an operation relies on the table's indexes or keeps them: rebuilds marked ones, for each column
 // that they name and each unique column. A value that can't be hashed is left unlisted. On an error the table is as it
-// was.
-void settle_indexes(PyObject* table);
+// was. The result is table.indexes.
+Ref settle_indexes(PyObject* table);
 
 // Makes the marks that could not be made for want of memory; settle_indexes calls it.
 void make_late_marks();

@@ -11,8 +11,8 @@
 namespace jdb {
 namespace {
 
-std::unordered_map<PyObject*, std::shared_ptr<KnownTable>>& remembered() {
-    static auto& tables = *new std::unordered_map<PyObject*, std::shared_ptr<KnownTable>>();
+std::unordered_map<PyObject*, std::unique_ptr<KnownTable>>& remembered() {
+    static auto& tables = *new std::unordered_map<PyObject*, std::unique_ptr<KnownTable>>();
     return tables;
 }
 
@@ -62,57 +62,59 @@ std::vector<RowDicts::Entry> entries_of(PyObject* last) {
 
 }  // namespace
 
-KnownTable::KnownTable(Stamp stamp, PyObject* columns, bool settled, std::vector<Ref> names,
-                       std::vector<Stamp> column_stamps)
-    : stamp_(stamp),
-      columns_(columns),
-      settled_(settled),
-      names_(std::move(names)),
-      column_stamps_(std::move(column_stamps)),
-      first_(positions_of(names_, false)),
-      last_(positions_of(names_, true)),
-      row_dicts_(entries_of(last_)) {
-    assert(names_.size() == column_stamps_.size());
+KnownTable* KnownTable::of(PyObject* table) {
+    const auto found = remembered().find(table);
+    if (found != remembered().end() && found->second->is_current(table)) return found->second.get();
+    const CollectorPaused paused;  // it would run Python code in between
+    std::unique_ptr<KnownTable> known = read(table);
+    if (!known) return nullptr;
+    static std::uint64_t last_serial = 0;
+    known->serial_ = ++last_serial;
+    std::unique_ptr<KnownTable>& place = remembered()[table];
+    place = std::move(known);
+    return place.get();
 }
 
-std::shared_ptr<KnownTable> KnownTable::of(PyObject* table) {
-    const auto found = remembered().find(table);
-    if (found != remembered().end() && found->second->is_current(table)) return found->second;
-    const CollectorPaused paused;  // it would run Python code in between
-    std::shared_ptr<KnownTable> known = read(table);
-    if (!known) return {};
+std::unique_ptr<KnownTable> KnownTable::read(PyObject* table) {
+    std::unique_ptr<KnownTable> known(new KnownTable());
+    known->columns_ = own_field(table, names::columns);
+    known->rows_ = own_field(table, names::rows);
+    known->indexes_ = own_field(table, names::indexes);
+    if (known->columns_ == nullptr || known->rows_ == nullptr || known->indexes_ == nullptr) return {};
+    if (!PyList_CheckExact(known->columns_)) return {};
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(known->columns_); ++i) {
+        PyObject* column = PyList_GET_ITEM(known->columns_, i);
+        PyObject* name = own_field(column, names::name);
+        if (name == nullptr || !PyUnicode_CheckExact(name)) return {};
+        const Stamp stamp = stamp_of(column);
+        if (i == 0) {
+            known->column_type_ = Py_TYPE(column);
+            known->column_type_version_ = stamp.type;
+        }
+        if (!stamp || Py_TYPE(column) != known->column_type_) return {};
+        known->names_.push_back(Ref::borrow(name));
+        known->column_versions_.push_back(stamp.fields);
+    }
+    known->settled_ = !find_item(own_dict(table), names::indexes_to_rebuild);
+    known->stamp_ = stamp_of(table);
+    if (!known->stamp_) return {};
+    known->first_ = positions_of(known->names_, false);
+    known->last_ = positions_of(known->names_, true);
+    known->row_dicts_ = RowDicts(entries_of(known->last_));
     known->death_ = forget_at_death(table);
-    if (known->death_) remembered().insert_or_assign(table, known);
+    if (!known->death_) return {};
     return known;
 }
 
-std::shared_ptr<KnownTable> KnownTable::read(PyObject* table) {
-    PyObject* columns = own_field(table, names::columns);
-    if (columns == nullptr || !PyList_CheckExact(columns)) return {};
-    std::vector<Ref> names;
-    std::vector<Stamp> column_stamps;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(columns); ++i) {
-        PyObject* column = PyList_GET_ITEM(columns, i);
-        PyObject* name = own_field(column, names::name);
-        if (name == nullptr || !PyUnicode_CheckExact(name)) return {};
-        names.push_back(Ref::borrow(name));
-        column_stamps.push_back(stamp_of(column));
-        if (!column_stamps.back()) return {};
-    }
-    const Stamp stamp = stamp_of(table);
-    if (!stamp) return {};
-    const bool settled = !find_item(own_dict(table), names::indexes_to_rebuild);
-    return std::shared_ptr<KnownTable>(
-        new KnownTable(stamp, columns, settled, std::move(names), std::move(column_stamps)));
-}
-
 bool KnownTable::is_current(PyObject* table) const {
-    if (stamp_of(table) != stamp_) return false;
-    if (PyList_GET_SIZE(columns_) != column_count()) return false;
-    for (Py_ssize_t i = 0; i < column_count(); ++i) {
-        if (stamp_of(PyList_GET_ITEM(columns_, i)) != column_stamps_[static_cast<std::size_t>(i)]) return false;
+    if (stamp_of(table) != stamp_ || PyList_GET_SIZE(columns_) != column_count()) return false;
+    PyObject* const* column = reinterpret_cast<PyListObject*>(columns_)->ob_item;
+    for (const std::uint64_t version : column_versions_) {
+        if (Py_TYPE(*column) != column_type_ || fields_version(*column, column_type_) != version) return false;
+        ++column;
     }
-    return true;
+    // A class without columns may be gone; one with columns is there.
+    return names_.empty() || class_version(column_type_) == column_type_version_;
 }
 
 Py_ssize_t KnownTable::position(PyObject* positions, PyObject* name) {

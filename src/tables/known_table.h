@@ -1,6 +1,7 @@
 // What is known of a table without running Python code: the one memory on which every fast path over its rows rests.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -12,15 +13,17 @@ namespace jdb {
 
 class KnownTable {
 public:
-    // Null where reading the table's fields or its columns' names could run Python code, and where a name is not
-    // exactly a string. Remembered for the next call, as long as the table and its columns stay the same.
+    // Borrowed until Python code may have run; then it is asked for again. Null where reading the table's fields or its
+    // columns' names could run Python code, and where a name is not exactly a string.
     //
     // NUMBERS
-    static std::shared_ptr<KnownTable> of(PyObject* table);
+    static KnownTable* of(PyObject* table);
 
-    // Whether all of it still holds; to be asked again after Python code may have run.
-    [[nodiscard]] bool is_current(PyObject* table) const;
-
+    // As long as this is the same, so is all that is known: no two memories have the same.
+    [[nodiscard]] std::uint64_t serial() const { return serial_; }
+    // The table's own.
+    [[nodiscard]] PyObject* rows() const { return rows_; }
+    [[nodiscard]] PyObject* indexes() const { return indexes_; }
     // Whether nothing says that the indexes have to be rebuilt before they are relied on.
     [[nodiscard]] bool has_settled_indexes() const { return settled_; }
     [[nodiscard]] Py_ssize_t column_count() const { return static_cast<Py_ssize_t>(names_.size()); }
@@ -34,19 +37,26 @@ public:
     [[nodiscard]] RowDicts project(const std::vector<Ref>& names) const;
 
 private:
-    KnownTable(Stamp stamp, PyObject* columns, bool settled, std::vector<Ref> names, std::vector<Stamp> column_stamps);
-    static std::shared_ptr<KnownTable> read(PyObject* table);
+    KnownTable() = default;
+    static std::unique_ptr<KnownTable> read(PyObject* table);
+    [[nodiscard]] bool is_current(PyObject* table) const;
     static Py_ssize_t position(PyObject* positions, PyObject* name);
 
+    std::uint64_t serial_ = 0;
     Ref death_;  // a weak reference to the table
     Stamp stamp_;
-    PyObject* columns_;  // borrowed: the table's own while its stamp is the same
-    bool settled_;
+    // Borrowed: the table's own while its stamp is the same.
+    PyObject* columns_ = nullptr;
+    PyObject* rows_ = nullptr;
+    PyObject* indexes_ = nullptr;
+    PyTypeObject* column_type_ = nullptr;  // of all columns; null where there is none
+    unsigned column_type_version_ = 0;
+    std::vector<std::uint64_t> column_versions_;
     std::vector<Ref> names_;
-    std::vector<Stamp> column_stamps_;
     Ref first_;  // name: position
     Ref last_;
-    RowDicts row_dicts_;
+    bool settled_ = false;
+    RowDicts row_dicts_{{}};
 };
 
 }  // namespace jdb
