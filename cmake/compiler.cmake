@@ -1,5 +1,21 @@
 # Enables C++ with a compiler that has what the module needs of C++20, or stops and says which one does.
 
+# The module takes its name and its headers from an interpreter that has to run here.
+if(CMAKE_CROSSCOMPILING)
+    message(FATAL_ERROR "Cross-compilation is not supported: build on a system that runs the CPython 3.10 it is for.")
+endif()
+
+# CMake's own words would be those for a machine without any compiler.
+if(NOT "$ENV{CXX}" STREQUAL "" AND NOT CMAKE_CXX_COMPILER)
+    separate_arguments(words UNIX_COMMAND "$ENV{CXX}")
+    list(GET words 0 program)
+    find_program(found NAMES "${program}" NO_CACHE)
+    if(NOT found)
+        message(FATAL_ERROR "The environment variable CXX names no program that is there: \"${program}\". Let it name one, "
+            "such as CXX=g++, or unset it to have one looked for.")
+    endif()
+endif()
+
 include(CheckLanguage)
 check_language(CXX)
 if(NOT CMAKE_CXX_COMPILER)

@@ -1,7 +1,7 @@
 # Finds a CPython 3.10 that runs and has its C headers, or stops and says what to do.
 #
-# Order: Python_EXECUTABLE or Python_ROOT_DIR when given (then nothing else will do), an active virtual
-# environment, pyenv's 3.10 versions (newest first), the interpreters on the PATH.
+# Order: Python_EXECUTABLE or Python_ROOT_DIR when given (then nothing else will do; Python3_... means the same), an
+# active virtual environment, pyenv's 3.10 versions (newest first), the interpreters on the PATH.
 #
 # Why not find_package(Python): it takes the first `python3.10` on the PATH, and where that is a pyenv shim
 # for a version that isn't switched on, it fails although usable interpreters are there.
@@ -10,6 +10,13 @@
 # the prefix), and makes the target cpython310::module, which carries the headers.
 
 set(cpython310_describe "${CMAKE_CURRENT_LIST_DIR}/describe_python.py")
+
+# The names that CMake's FindPython3 reads.
+foreach(name IN ITEMS EXECUTABLE ROOT_DIR)
+    if(Python3_${name} AND NOT Python_${name})
+        set(Python_${name} "${Python3_${name}}")
+    endif()
+endforeach()
 
 # Leaves in `misfit` why the interpreter can't be used, or an empty text and its facts in `facts`.
 function(cpython310_examine interpreter)
@@ -94,7 +101,7 @@ function(cpython310_list_candidates)
     return(PROPAGATE candidates named)
 endfunction()
 
-set(cpython310_get_headers "install the headers (python3.10-dev on Debian and Ubuntu, python3.10-devel on Fedora)")
+set(cpython310_get_headers "install its headers (the package python3.10-dev where the distribution has a python3.10)")
 
 cpython310_list_candidates()
 set(cpython310_rejected "")
@@ -107,7 +114,7 @@ foreach(candidate IN LISTS candidates)
 endforeach()
 
 if(NOT facts AND named)
-    set(cure "name another interpreter, or none to have one looked for (cmake -U 'Python_*' ...)")
+    set(cure "name another interpreter, or none to have one looked for (cmake -U 'Python*' ...)")
     if(cpython310_rejected MATCHES "without its C headers")
         set(cure "${cpython310_get_headers}, or ${cure}")
     endif()
@@ -125,8 +132,9 @@ elseif(NOT facts)
     endif()
     message(FATAL_ERROR
         "No usable CPython 3.10 was found. One of these helps:${cure}\n"
-        "  - install it from the distribution, with headers: python3.10 and python3.10-dev\n"
         "  - pyenv install 3.10\n"
+        "  - apt-get install python3.10 python3.10-dev, where the distribution has them: Ubuntu 22.04 does\n"
+        "  - build in a container image that has it, such as python:3.10\n"
         "  - say where it is: -DPython_ROOT_DIR=<folder that has bin/python3.10>, or -DPython_EXECUTABLE=<file>\n"
         "${seen}")
 endif()
@@ -136,9 +144,17 @@ list(GET facts 1 cpython310_executable)
 list(GET facts 2 3 cpython310_include_dirs)
 list(GET facts 4 cpython310_module_suffix)
 list(GET facts 5 cpython310_prefix)
-list(GET facts 6 cpython310_site_dir)
+list(GET facts 6 cpython310_multiarch)
+list(GET facts 7 cpython310_site_dir)
 list(REMOVE_DUPLICATES cpython310_include_dirs)
 message(STATUS "Found ${cpython310_version}: ${cpython310_executable}")
+# Both are empty on systems without Debian's names. A compiler for another machine would build a module that bears this
+# interpreter's name and can't be loaded by it.
+if(cpython310_multiarch AND CMAKE_CXX_LIBRARY_ARCHITECTURE
+        AND NOT cpython310_multiarch STREQUAL CMAKE_CXX_LIBRARY_ARCHITECTURE)
+    message(FATAL_ERROR "${CMAKE_CXX_COMPILER} builds for ${CMAKE_CXX_LIBRARY_ARCHITECTURE}, and "
+        "${cpython310_executable} runs on ${cpython310_multiarch}: name a compiler for the machine of the interpreter.")
+endif()
 
 # The headers of an imported target count as system headers: no warnings out of them.
 add_library(cpython310::module INTERFACE IMPORTED)

@@ -21,4 +21,5 @@ if sys.version_info[:2] == (3, 10):
     if site_dir.startswith(os.path.join(prefix, "local") + os.sep):
         prefix = os.path.join(prefix, "local")
     print(prefix)
+    print(sysconfig.get_config_var("MULTIARCH") or "")
     print(os.path.relpath(site_dir, prefix))
