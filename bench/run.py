@@ -18,6 +18,7 @@ import tempfile
 
 import chart
 import contenders
+import csv_import
 import measure
 import report
 
@@ -144,6 +145,8 @@ def main():
         if 10_000 in options.sizes:
             print(f"{WIDE} columns ...", flush=True)
             numbers["width"] = measure_width(place, 10_000)
+            print(f"CSV file of {csv_import.COUNT:,} rows ...", flush=True)
+            numbers["import"] = {csv_import.COUNT: csv_import.measure_all(place.disk)}
         print("memory ...", flush=True)
         for count in [count for count in numbers["times"] if count >= 100_000]:
             numbers["memory"][count] = {
@@ -157,6 +160,7 @@ def main():
     with open(options.output, encoding="utf-8") as file:
         numbers = json.load(file)
     print("\n" + report.text(numbers))
+    print("\n" + report.bounds_table(numbers))
     if options.docs:
         report.put_into(os.path.join(options.docs, "performance.md"), numbers)
         chart.draw(os.path.join(options.docs, "performance.svg"), numbers)
