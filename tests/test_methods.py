@@ -96,17 +96,34 @@ class Functions(DatabaseTest):
         with mock.patch.object(JSONDatatable._project_row, "__defaults__", (["a"],)):
             self.assertEqual(self.db._project_row({"a": 1, "b": 2}), {"a": 1})
 
-    def test_runaway_recursion(self):
+    def test_calls_nested_too_deep(self):
         self.assertEqual(run_python(f"""
-            from {module.__name__} import JSONDatatable
-            class Endless(JSONDatatable):
+            import functools, sys
+            from {module.__name__} import Column, JSONDatatable
+            class Projecting(JSONDatatable):
+                def _project_row(self, row, columns):
+                    return self.select("t")
+            class Beginning(JSONDatatable):
                 load = JSONDatatable.__init__
-            for _ in range(2):
+            def depth():
                 try:
-                    Endless("nowhere.json")
+                    return 1 + depth()
                 except RecursionError:
-                    print("stopped")
-        """), ["stopped"] * 2)
+                    return 1
+            db, plain = Projecting("nowhere.json"), JSONDatatable("nowhere.json")
+            db.save = lambda: None
+            db.create_table("t", [Column("n", "text")])
+            db.insert("t", {{"n": "x"}})
+            plain.load = functools.partial(plain.__init__, "x.json")
+            before = depth()
+            for endless in (lambda: db.select("t"), lambda: Beginning("nowhere.json"), plain.load):
+                for _ in range(20):
+                    try:
+                        endless()
+                    except RecursionError:
+                        pass
+                print(depth() == before)
+        """), ["True"] * 3)
 
 
 class Arguments(DatabaseTest):

@@ -52,7 +52,10 @@ void bind_arguments(const Signature& signature, PyObject* function, PyObject* co
 // Refuses a call nested too deeply, as the host does for its own functions.
 class RecursionGuard {
 public:
-    RecursionGuard() { check(Py_EnterRecursiveCall(" while calling a Python object")); }
+    RecursionGuard() {
+        // A refusal leaves nothing to be undone, and is not negative.
+        if (Py_EnterRecursiveCall(" while calling a Python object") != 0) throw PythonError{};
+    }
     ~RecursionGuard() { Py_LeaveRecursiveCall(); }
     RecursionGuard(const RecursionGuard&) = delete;
     RecursionGuard& operator=(const RecursionGuard&) = delete;
