@@ -2,10 +2,14 @@
 
 from __future__ import annotations
 
+import contextlib
 import inspect
+import io
+import json
 import pickle
 import pydoc
 import re
+import sys
 import types
 import unittest
 import weakref
@@ -124,6 +128,35 @@ class Functions(DatabaseTest):
                         pass
                 print(depth() == before)
         """), ["True"] * 3)
+
+
+class HandledErrors(DatabaseTest):
+    def test_in_a_generator(self):
+        """An error that a method handles is gone with the call, also where a block around the generator handles another."""
+        self.table(optional("n", "number"))
+        self.write(b"{")
+
+        def refused(call, kind):
+            with contextlib.redirect_stdout(io.StringIO()), self.assertRaises(kind) as caught:
+                call()
+            return caught.exception
+
+        def steps():
+            for call, kind in ((lambda: self.db.insert("t", {"n": "x"}), ValueError), (self.db.load, ValueError)) * 2:
+                seen.append(refused(call, kind))
+                yield sys.exc_info()[1]
+            seen.append(KeyError())
+            yield sys.exc_info()[1]
+
+        seen, running = [], steps()
+        for outer in (LookupError(), OSError(), LookupError(), OSError()):
+            try:
+                raise outer
+            except Exception:
+                self.assertIs(next(running), outer)
+            context = seen[-1].__context__
+            self.assertIs(context if isinstance(seen[-1], json.JSONDecodeError) else context.__context__, outer)
+        self.assertIsNone(next(running))
 
 
 class Arguments(DatabaseTest):

@@ -1,4 +1,4 @@
-// Errors of the host: how they are raised, carried through C++ code, put aside, and handed back at the boundary.
+// Errors of the interpreter: how they are raised, carried through C++ code, put aside, and handed back at the boundary.
 #pragma once
 
 #include <new>
@@ -44,31 +44,6 @@ void attempt(Step step) noexcept {
         PyErr_WriteUnraisable(nullptr);
     }
 }
-
-// Makes the pending error the one being handled, as an `except` block does: until the guard is gone, an error raised
-// has it as context.
-class HandledError {
-public:
-    HandledError() noexcept;
-    ~HandledError();
-    HandledError(const HandledError&) = delete;
-    HandledError& operator=(const HandledError&) = delete;
-
-    // Borrowed, as long as the guard lives and has not re-raised it; the traceback may be null.
-    [[nodiscard]] PyObject* type() const noexcept { return type_; }
-    [[nodiscard]] PyObject* value() const noexcept { return value_; }
-    [[nodiscard]] PyObject* traceback() const noexcept { return traceback_; }
-    // Makes it the pending error again, unchanged, and throws.
-    [[noreturn]] void reraise();
-
-private:
-    PyObject* type_ = nullptr;
-    PyObject* value_ = nullptr;
-    PyObject* traceback_ = nullptr;
-    PyObject* outer_type_ = nullptr;
-    PyObject* outer_value_ = nullptr;
-    PyObject* outer_traceback_ = nullptr;
-};
 
 // Runs `work` at the boundary to the host: what it returns goes out, C++ exceptions become the null result
 // that stands for a set error. `failure` is that result.

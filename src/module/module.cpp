@@ -1,6 +1,7 @@
 // The extension module: creation, the checks of an import, and the names that it binds, in their order. The module
 // belongs to the interpreter that first created it; an import that fails leaves nothing behind, so that the
 // next one starts afresh.
+#include "cpython310/handled_error.h"
 #include "host/call_gate.h"
 #include "host/module_state.h"
 #include "module/methods.h"

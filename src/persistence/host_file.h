@@ -1,6 +1,7 @@
 // Files opened through the host's `open`.
 #pragma once
 
+#include "cpython310/handled_error.h"
 #include "host/object.h"
 
 namespace jdb::persistence {

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include "cpython310/handled_error.h"
 #include "host/collector.h"
 #include "host/huge_pages.h"
 #include "host/module_state.h"

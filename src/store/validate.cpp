@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "cpython310/handled_error.h"
 #include "host/module_state.h"
 #include "tables/database.h"
 #include "tables/known_table.h"

@@ -1,0 +1,30 @@
+// Guards are nested like the calls that they live in, and so are the items of the generators that run meanwhile; so
+// each takes its own item off the top.
+#include "cpython310/handled_error.h"
+
+#include <utility>
+
+namespace jdb {
+
+HandledError::HandledError() noexcept {
+    PyErr_Fetch(&item_.exc_type, &item_.exc_value, &item_.exc_traceback);
+    PyErr_NormalizeException(&item_.exc_type, &item_.exc_value, &item_.exc_traceback);
+    if (item_.exc_traceback != nullptr) PyException_SetTraceback(item_.exc_value, item_.exc_traceback);
+    PyThreadState* thread = PyThreadState_Get();
+    item_.previous_item = std::exchange(thread->exc_info, &item_);
+}
+
+HandledError::~HandledError() {
+    PyThreadState_Get()->exc_info = item_.previous_item;
+    Py_XDECREF(item_.exc_type);
+    Py_XDECREF(item_.exc_value);
+    Py_XDECREF(item_.exc_traceback);
+}
+
+void HandledError::reraise() {
+    PyErr_Restore(std::exchange(item_.exc_type, nullptr), std::exchange(item_.exc_value, nullptr),
+                  std::exchange(item_.exc_traceback, nullptr));
+    throw PythonError{};
+}
+
+}  // namespace jdb
