@@ -1,40 +1,17 @@
-// Native methods that are ordinary host functions. One declaration, a signature as the host language writes it, gives
-// a method's name, parameters, defaults, annotations, argument checks and documentation.
-//
-// The host compiles the signature into a function with an empty body, whose call slot is then replaced: everything
-// that looks at functions (inspect, pickle, mock, super) meets a real one, and a call runs the native body.
+// Native methods that are ordinary Python functions. One declaration, a signature as a `def` statement has it, gives a
+// method's name, parameters, defaults, annotations, argument checks and documentation.
 #pragma once
 
 #include <array>
 #include <cstddef>
-#include <span>
-#include <string>
-#include <string_view>
 #include <utility>
 
 #include "host/call_gate.h"
 #include "host/python.h"
 #include "host/ref.h"
+#include "host/signature.h"
 
 namespace jdb {
-
-// What an annotation asks of an argument. Conversions come before the tests of exact types.
-enum class Rule : unsigned char { any, integer, truth, string, list, dict };
-
-struct Parameter {
-    PyObject* name = nullptr;  // interned; lives as long as the interpreter
-    Rule rule = Rule::any;
-    bool or_none = false;  // None passes unchanged
-};
-
-// A parsed signature: what a call is bound and checked by.
-struct Signature {
-    static constexpr std::size_t kMostParameters = 5;
-
-    std::string name;
-    std::array<Parameter, kMostParameters> parameters;
-    std::size_t count = 0;
-};
 
 // A row of the table of methods.
 struct Method {
@@ -68,7 +45,7 @@ struct Entry;
 template <class... Arguments, Ref (*body)(Arguments...)>
 struct Entry<body> {
     static constexpr std::size_t kCount = sizeof...(Arguments);
-    static_assert(kCount <= Signature::kMostParameters);
+    static_assert(kCount <= Signature::kMaxParameters);
     static inline Signature signature;
 
     static PyObject* call(PyObject* function, PyObject* const* arguments, std::size_t flagged_count,
@@ -97,8 +74,5 @@ template <auto body>
 constexpr Method method(const char* signature, const char* description = nullptr) {
     return {signature, description, &Entry<body>::call, &Entry<body>::signature};
 }
-
-// Makes a class of these methods, in their order, whose functions have `globals` as their namespace.
-Ref make_class(const char* name, std::span<const Method> methods, PyObject* globals);
 
 }  // namespace jdb

@@ -2,6 +2,7 @@
 // belongs to the interpreter that first created it; an import that fails leaves nothing behind, so that the
 // next one starts afresh.
 #include "cpython310/handled_error.h"
+#include "cpython310/native_class.h"
 #include "host/call_gate.h"
 #include "host/module_state.h"
 #include "module/methods.h"
