@@ -5,6 +5,7 @@ import ctypes
 import dataclasses
 import inspect
 import pickle
+import sys
 import types
 import unittest
 from unittest import mock
@@ -13,13 +14,19 @@ from model import Column, Table
 from support import module, run_python
 
 NAME = "talvern_client.utils.json_database"
+STATEMENTS = """\
+import json, os
+from typing import Dict, List, Optional, Any, Union
+from dataclasses import dataclass, field
+import re
+from datetime import datetime
+"""
 
 
 class Namespace(unittest.TestCase):
     def test_names(self):
         expected = {}
-        exec("import json, os; from typing import Dict, List, Optional, Any, Union\n"
-             "from dataclasses import dataclass, field; import re; from datetime import datetime", expected)
+        exec(STATEMENTS, expected)
         del expected["__builtins__"]
         own = {name: value for name, value in vars(module).items() if not name.startswith("__")}
         self.assertEqual(list(own), [*expected, "Column", "Table", "JSONDatatable"])
@@ -53,6 +60,82 @@ class Import(unittest.TestCase):
                 attempt = f"try: import {NAME}; print(1, flush=True)\\nexcept ImportError as e: print(e, flush=True)"
                 self.assertEqual(run_python(f"code = '{attempt}'; {order}"), [
                     "1", "Interpreter change detected - this module can only be loaded into one interpreter per process."])
+
+    @unittest.skipUnless(sys.platform == "linux", "no functions to be called after the runtime's end")
+    def test_one_runtime_per_process(self):
+        attempt = f"try: import {NAME}; print(1, flush=True)\\nexcept ImportError as e: print(e, flush=True)"
+        self.assertEqual(run_python(f"""
+            import ctypes
+            from {NAME} import JSONDatatable
+            def last(function, text=None):
+                libc.__cxa_atexit(function, text and libc.strdup(text), None)
+            libc, runtime = ctypes.CDLL(None), ctypes.pythonapi
+            libc.strdup.restype, libc.__cxa_atexit.argtypes = ctypes.c_void_p, [ctypes.c_void_p] * 3
+            address = lambda name: ctypes.cast(getattr(runtime, name), ctypes.c_void_p)
+            last(address("PyRun_SimpleString"), b"{attempt}")
+            last(address("Py_Initialize"))
+        """), ["Interpreter change detected - this module can only be loaded into one interpreter per process."])
+
+    def test_standard_modules_that_are_none(self):
+        """The import fails as the statements do that it stands for."""
+        for spoil in ("sys.modules['typing'] = types.SimpleNamespace(Dict=1)", "del datetime.datetime", "del dataclasses.field",
+                      "sys.modules['dataclasses'] = types.ModuleType('other')", "sys.modules['re'] = None", "del typing.Any, typing.__file__",
+                      "sys.modules['typing'] = Refusing()", "sys.modules['json'] = types.SimpleNamespace(dump=1)"):
+            with self.subTest(spoil):
+                got, expected = run_python(f"""
+                    import dataclasses, datetime, sys, types, typing
+                    class Refusing:
+                        def __getattr__(self, name):
+                            if not name.startswith("__"): raise LookupError(name)
+                    {spoil}
+                    for statements in ("import {NAME}", {STATEMENTS!r}):
+                        try:
+                            exec(statements)
+                        except BaseException as e:
+                            print(type(e), e, vars(e), getattr(e, "name", 0), getattr(e, "path", 0), e.__context__)
+                        else:
+                            print("imported")
+                """)
+                self.assertEqual(got, expected)
+
+    def test_changed_standard_modules(self):
+        """What stands in for a name of theirs is neither called at the import nor taken for the built-in one."""
+        self.assertEqual(run_python(f"""
+            import datetime, json, os, sys, tempfile
+            from unittest import mock
+            class Date(datetime.date):
+                __hash__ = None
+                def __ne__(self, other):
+                    rows.clear()
+                    return True
+                __eq__ = __ne__
+            class Finder:
+                def find_spec(self, name, *_):
+                    if name == "datetime":
+                        sys.meta_path.remove(self)
+                        raise KeyboardInterrupt
+            kept = sys.modules.pop("datetime")
+            sys.meta_path.insert(0, Finder())
+            try:
+                import {NAME}
+            except KeyboardInterrupt:
+                print("interrupted")
+            sys.modules["datetime"] = kept
+            sys.modules.pop("{NAME}", None)
+            with mock.patch("datetime.date", Date), mock.patch("json.loads", None):
+                from {NAME} import Column, JSONDatatable
+            os.chdir(tempfile.mkdtemp())
+            db = JSONDatatable("database")
+            db.create_table("t", [Column("n", "text", False)])
+            rows = db.tables["t"].rows
+            rows += [[float("nan")], [Date(2000, 1, 1)], [Date(2000, 1, 1)]]
+            db.save()
+            db.load()
+            print(db.tables["t"].rows[0][0] is json.decoder.NaN)
+            rows = db.tables["t"].rows
+            rows += [[Date(2000, 1, 1)] for _ in range(10)]
+            print(db.select("t", {{"n": "x"}}), rows)
+        """), ["interrupted", "True", "[] []"])
 
     def test_other_version_warns(self):
         words = f"compile time Python version 3.10 of module '{NAME}' does not match runtime version 3.11"

@@ -16,8 +16,8 @@ struct ModuleState {
     PyObject* buffered_reader = nullptr;
     PyObject* bytes_io = nullptr;
     PyObject* text_io_wrapper = nullptr;
-    PyObject* date_type = nullptr;  // datetime.date
-    PyObject* json = nullptr;       // the module, and two functions of it, that the fast roads stand for
+    PyObject* date_type = nullptr;  // the interpreter's own datetime.date; null where there is none
+    PyObject* json = nullptr;       // the module, and two functions of it, that the fast roads stand for, or null
     PyObject* json_dump = nullptr;
     PyObject* json_load = nullptr;
     PyObject* nan = nullptr;         // the object that json.load makes of NaN

@@ -68,6 +68,10 @@ Ref find_item(PyObject* dict, PyObject* key) {
     return {};
 }
 
+Ref find_in_module(PyObject* module, PyObject* name) {
+    return PyModule_Check(module) ? find_item(PyModule_GetDict(module), name) : Ref{};
+}
+
 Ref item_if_key(PyObject* container, PyObject* key) {
     if (PyDict_CheckExact(container)) return find_item(container, key);
     return contains(container, key) ? get_item(container, key) : Ref{};

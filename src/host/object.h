@@ -25,7 +25,8 @@ inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {  
 Ref get_item(PyObject* container, PyObject* key);       // container[key]
 Ref get_item(PyObject* sequence, Py_ssize_t position);  // sequence[position], not negative
 Ref find_item(PyObject* dict, PyObject* key);           // the item of a dict, an empty Ref when there is none
-Ref item_if_key(PyObject* container, PyObject* key);    // container[key] if key in container, else an empty Ref
+Ref find_in_module(PyObject* module, PyObject* name);  // what a module's own dict has, empty also where it is no module
+Ref item_if_key(PyObject* container, PyObject* key);   // container[key] if key in container, else an empty Ref
 Ref set_default(PyObject* dict, PyObject* key, PyObject* value);             // dict.setdefault(key, value)
 Ref get(PyObject* mapping, PyObject* key);                                   // mapping.get(key)
 Ref get(PyObject* mapping, PyObject* key, PyObject* fallback);               // mapping.get(key, fallback)

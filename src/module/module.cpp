@@ -1,7 +1,9 @@
 // The extension module: creation, the checks of an import, and the names that it binds, in their order. The module
 // belongs to the interpreter that first created it; an import that fails leaves nothing behind, so that the
 // next one starts afresh.
-#include "cpython310/handled_error.h"
+#include <new>
+#include <string>
+
 #include "cpython310/native_class.h"
 #include "host/call_gate.h"
 #include "host/module_state.h"
@@ -13,19 +15,27 @@
 namespace jdb {
 namespace {
 
-int64_t owning_interpreter = -1;
+bool owned = false;  // by an interpreter that has the mark
 bool initialised = false;
 
 // ---- Creation ----
 
-Ref create_module(PyObject* spec) {
-    const int64_t interpreter = PyInterpreterState_GetID(PyInterpreterState_Get());
-    if (interpreter < 0) throw PythonError{};
-    if (owning_interpreter < 0) owning_interpreter = interpreter;
-    if (interpreter != owning_interpreter) {
+// The owner has a mark in its own dictionary: numbers and addresses of interpreters come again when the runtime is
+// finalized and started anew, and so may this check, with nothing in hand but what the new runtime gives.
+void check_owner() {
+    PyObject* own = PyInterpreterState_GetDict(PyInterpreterState_Get());
+    if (own == nullptr) throw std::bad_alloc();
+    const Ref mark = new_text("json_database");
+    if (!owned) set_item(own, mark, Py_True);
+    owned = true;
+    if (!contains(own, mark)) {
         raise(PyExc_ImportError,
               "Interpreter change detected - this module can only be loaded into one interpreter per process.");
     }
+}
+
+Ref create_module(PyObject* spec) {
+    check_owner();
     if (module_state.module == nullptr) {
         const Ref name = get_attribute(spec, names::name);
         module_state.module = Ref::steal(PyModule_NewObject(name)).release();
@@ -43,9 +53,10 @@ void check_version(PyObject* module) {
     const int major = static_cast<int>(version >> 24U);
     const int minor = static_cast<int>((version >> 16U) & 0xFFU);
     if (major == PY_MAJOR_VERSION && minor == PY_MINOR_VERSION) return;
+    const Ref name = Ref::steal(PyModule_GetNameObject(module));
     check(PyErr_WarnFormat(
-        PyExc_RuntimeWarning, 1, "compile time Python version %d.%d of module '%.100s' %s runtime version %d.%d",
-        PY_MAJOR_VERSION, PY_MINOR_VERSION, PyModule_GetName(module), "does not match", major, minor));
+        PyExc_RuntimeWarning, 1, "compile time Python version %d.%d of module '%.100U' %s runtime version %d.%d",
+        PY_MAJOR_VERSION, PY_MINOR_VERSION, static_cast<PyObject*>(name), "does not match", major, minor));
 }
 
 Ref import(const char* name) { return Ref::steal(PyImport_ImportModule(name)); }
@@ -59,19 +70,31 @@ Ref bind_module(const char* name) {
     return module;
 }
 
-// `from module import names`; the last of them.
-Ref bind_from(PyObject* module, std::initializer_list<const char*> names) {
-    Ref last;
-    for (const char* name : names) {
-        PyObject* found = PyObject_GetAttrString(module, name);
-        if (found == nullptr && PyErr_ExceptionMatches(PyExc_AttributeError) != 0) {
-            const HandledError missing;
-            raise(PyExc_ImportError, "cannot import name '%s' from '%s'", name, PyModule_GetName(module));
-        }
-        last = Ref::steal(found);
-        bind(name, last);
-    }
-    return last;
+// A module and the name by which it is imported.
+struct Source {
+    explicit Source(const char* imported) : name(imported), module(import(imported)) {}
+
+    const char* name;
+    Ref module;
+};
+
+// `from source import name`. Where the module has no such name, the statement itself looks on and finds the words.
+Ref take(const Source& source, const char* name) {
+    PyObject* found = PyObject_GetAttrString(source.module, name);
+    if (found != nullptr) return Ref::steal(found);
+    if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
+    PyErr_Clear();
+    const std::string statement = std::string("from ") + source.name + " import " + name;
+    const Ref names = new_dict();
+    Ref::steal(PyRun_String(statement.c_str(), Py_file_input, names, names));
+    return Ref::steal(PyMapping_GetItemString(names, name));
+}
+
+// The same, bound in the module's namespace.
+Ref bind_from(const Source& source, const char* name) {
+    Ref value = take(source, name);
+    bind(name, value);
+    return value;
 }
 
 void replace(PyObject*& slot, Ref value) {
@@ -80,42 +103,52 @@ void replace(PyObject*& slot, Ref value) {
 }
 
 void bind_for_good(PyObject* module) {
-    const Ref builtins = import("builtins");
-    const Ref io = import("io");
-    const Ref gc = import("gc");
+    const Source io("io");
+    const Source gc("gc");
+    PyObject* builtins = PyEval_GetBuiltins();
     replace(module_state.module, Ref::borrow(module));
     replace(module_state.globals, Ref::borrow(PyModule_GetDict(module)));
-    replace(module_state.builtins, Ref::borrow(PyModule_GetDict(builtins)));
-    replace(module_state.print, Ref::steal(PyObject_GetAttrString(builtins, "print")));
-    replace(module_state.open, Ref::steal(PyObject_GetAttrString(io, "open")));
-    replace(module_state.string_io, Ref::steal(PyObject_GetAttrString(io, "StringIO")));
-    replace(module_state.buffered_reader, Ref::steal(PyObject_GetAttrString(io, "BufferedReader")));
-    replace(module_state.bytes_io, Ref::steal(PyObject_GetAttrString(io, "BytesIO")));
-    replace(module_state.text_io_wrapper, Ref::steal(PyObject_GetAttrString(io, "TextIOWrapper")));
-    replace(module_state.gc_collect, Ref::steal(PyObject_GetAttrString(gc, "collect")));
-    replace(module_state.gc_freeze, Ref::steal(PyObject_GetAttrString(gc, "freeze")));
-    replace(module_state.gc_unfreeze, Ref::steal(PyObject_GetAttrString(gc, "unfreeze")));
-    replace(module_state.gc_get_freeze_count, Ref::steal(PyObject_GetAttrString(gc, "get_freeze_count")));
-    persistence::import_date_types();
+    replace(module_state.builtins, Ref::borrow(builtins));
+    replace(module_state.print, Ref::steal(PyMapping_GetItemString(builtins, "print")));
+    replace(module_state.open, take(io, "open"));
+    replace(module_state.string_io, take(io, "StringIO"));
+    replace(module_state.buffered_reader, take(io, "BufferedReader"));
+    replace(module_state.bytes_io, take(io, "BytesIO"));
+    replace(module_state.text_io_wrapper, take(io, "TextIOWrapper"));
+    replace(module_state.gc_collect, take(gc, "collect"));
+    replace(module_state.gc_freeze, take(gc, "freeze"));
+    replace(module_state.gc_unfreeze, take(gc, "unfreeze"));
+    replace(module_state.gc_get_freeze_count, take(gc, "get_freeze_count"));
+}
+
+// What the fast paths need of json, as far as it is there: nothing of it is called, and its functions are not missed
+// before a save or a load asks for them. json.load makes every NaN of a document the one of json.decoder.
+void note_json(PyObject* json) {
+    Ref dump = find_in_module(json, names::dump);
+    Ref load = find_in_module(json, names::load);
+    const bool complete = dump && load;
+    replace(module_state.json, complete ? Ref::borrow(json) : Ref{});
+    replace(module_state.json_dump, std::move(dump));
+    replace(module_state.json_load, std::move(load));
+    const Ref decoder = find_in_module(json, names::decoder);
+    Ref nan = decoder ? find_in_module(decoder, names::nan) : Ref{};
+    const bool known = nan && PyFloat_CheckExact(static_cast<PyObject*>(nan));
+    replace(module_state.nan, known ? nan : Ref::steal(PyFloat_FromDouble(Py_NAN)));
 }
 
 void bind_names() {
     const Ref json = bind_module("json");
-    replace(module_state.json, json);
-    replace(module_state.json_dump, get_attribute(json, names::dump));
-    replace(module_state.json_load, get_attribute(json, names::load));
-    const Ref nan_text = new_text("NaN");
-    replace(module_state.nan, call_method(json, names::loads, {nan_text}));
+    note_json(json);
     bind_module("os");
-    const Ref typing = import("typing");
-    bind_from(typing, {"Dict", "List", "Optional", "Any", "Union"});
-    const Ref dataclasses = import("dataclasses");
-    const Ref dataclass = bind_from(dataclasses, {"dataclass"});
-    const Ref field = bind_from(dataclasses, {"field"});
+    const Source typing("typing");
+    for (const char* name : {"Dict", "List", "Optional", "Any", "Union"}) bind_from(typing, name);
+    const Source dataclasses("dataclasses");
+    const Ref dataclass = bind_from(dataclasses, "dataclass");
+    const Ref field = bind_from(dataclasses, "field");
     bind_module("re");
-    const Ref datetime = import("datetime");
-    bind_from(datetime, {"datetime"});
-    replace(module_state.date_type, get_attribute(datetime, names::date));
+    const Source datetime("datetime");
+    bind_from(datetime, "datetime");
+    replace(module_state.date_type, persistence::import_date_types(datetime.module));
 
     const Ref column_class = make_column_class(module_state.globals, dataclass);
     bind("Column", column_class);

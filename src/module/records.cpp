@@ -17,7 +17,9 @@ struct Field {
 std::string shown(PyObject* default_value) {
     if (default_value != Py_None && PyBool_Check(default_value) == 0) return "<factory>";
     const Ref text = text_of(default_value);
-    return PyUnicode_AsUTF8(text);
+    const char* utf8 = PyUnicode_AsUTF8(text);
+    if (utf8 == nullptr) throw PythonError{};
+    return utf8;
 }
 
 // As the decorator itself would write it; but it asks inspect.signature, at a tenth of the whole import's time.

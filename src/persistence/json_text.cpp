@@ -445,10 +445,13 @@ bool write_document(PyObject* tables, TextBuffer& text) {
     return true;
 }
 
-void import_date_types() {
-    PyDateTime_IMPORT;
-    // Without the compiled date types none is known here, and json.dump writes them.
-    if (PyDateTimeAPI == nullptr) PyErr_Clear();
+// PyDateTime_IMPORT would import the module anew and hide the error of a failing import behind another.
+Ref import_date_types(PyObject* datetime) {
+    const Ref capsule = find_in_module(datetime, names::datetime_capi);
+    const bool valid = PyCapsule_IsValid(capsule, PyDateTime_CAPSULE_NAME) != 0;
+    PyDateTimeAPI =
+        valid ? static_cast<PyDateTime_CAPI*>(PyCapsule_GetPointer(capsule, PyDateTime_CAPSULE_NAME)) : nullptr;
+    return valid ? Ref::borrow(reinterpret_cast<PyObject*>(PyDateTimeAPI->DateType)) : Ref{};
 }
 
 }  // namespace jdb::persistence

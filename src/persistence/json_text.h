@@ -7,7 +7,7 @@
 #include <memory>
 #include <string_view>
 
-#include "host/python.h"
+#include "host/ref.h"
 
 namespace jdb::persistence {
 
@@ -56,7 +56,8 @@ private:
 // record whose fields can't be read without host code, nesting past a safe depth, or a piece that was not taken.
 bool write_document(PyObject* tables, TextBuffer& text);
 
-// Makes the host's date types known, which are then written natively; to be called once at import.
-void import_date_types();
+// Makes the interpreter's own date types known, which are then written natively; to be called once at import with the
+// module datetime. The type of dates; an empty Ref where the module has none but types written in Python.
+Ref import_date_types(PyObject* datetime);
 
 }  // namespace jdb::persistence
