@@ -140,7 +140,8 @@ std::optional<ReplaceTarget> find_replace_target(PyObject* filename) {
     const Ref owned = Ref::steal(encoded);
     std::string path(PyBytes_AS_STRING(encoded), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded)));
 
-    if (path.ends_with('/')) return std::nullopt;  // a directory's, if any; `open` knows the error
+    // Nothing's name, or a directory's, if any; `open` knows the error.
+    if (path.empty() || path.ends_with('/')) return std::nullopt;
 
     if (!find_file(path, target)) return std::nullopt;
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
