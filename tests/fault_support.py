@@ -30,21 +30,44 @@ PATH = "database.json"
 
 
 class FaultTest(unittest.TestCase):
-    def in_child(self, function, *arguments, through=()):
+    def in_child(self, function, *arguments, least=1, through=()):
+        """Fails unless the function tries at least so many cases, and each of them ends as it must."""
         call = f"{function.__name__}, *{arguments}"
         with tempfile.TemporaryDirectory(dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None) as folder:
-            data = os.path.join(folder, "data")
+            data, output, errors = (os.path.join(folder, name) for name in ("data", "output", "errors"))
             os.mkdir(data)
-            preload = ":".join(filter(None, (os.environ.get("LD_PRELOAD"), LIBRARY)))
-            paths = os.pathsep.join(map(os.path.abspath, sys.path))
-            code = f"import fault_support as s, {function.__module__} as t; s.run_cases(t.{call})"
-            done = subprocess.run(
-                [*through, sys.executable, "-X", "dev", "-c", code], cwd=data,
-                env={**os.environ, "LD_PRELOAD": preload, "PYTHONPATH": paths}, timeout=400,
-                stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace")
-        if done.returncode or not done.stdout:
-            self.fail(f"{call}: exit status {done.returncode}\n{done.stdout[:8000]}{done.stderr[-6000:]}")
-        print(f"{call}: {done.stdout.strip()}", file=sys.stderr)
+            code = f"import fault_support as s, {function.__module__} as t; s.run_cases({least}, t.{call})"
+            with open(output, "wb") as output_file, open(errors, "wb") as errors_file:
+                child = subprocess.Popen(
+                    [*through, sys.executable, "-X", "dev", "-c", code], cwd=data, env=child_environment(folder),
+                    stdin=subprocess.DEVNULL, stdout=output_file, stderr=errors_file)
+                status = self.wait(child, call, errors)
+            printed, told = read(output).decode(errors="replace"), read(errors).decode(errors="replace")
+        if status or not printed:
+            self.fail(f"{call}: exit status {status}\n{printed[:8000]}{told[-6000:]}")
+        print(f"{call}: {printed.strip()}", file=sys.stderr)
+
+    def wait(self, child, call, errors):
+        """The child's exit status. Now and then prints the case that it has come to."""
+        for _ in range(40):
+            try:
+                return child.wait(10)
+            except subprocess.TimeoutExpired:
+                case = read(errors)[-500:].decode(errors="replace").splitlines()[-1:]
+                print(f"{call}: at {''.join(case)}", file=sys.stderr, flush=True)
+        child.kill()
+        return child.wait()
+
+
+def child_environment(folder):
+    """This process's environment, plus the fault library, preloaded."""
+    environment = {**os.environ, "PYTHONPATH": os.pathsep.join(map(os.path.abspath, sys.path))}
+    if LIBRARY:
+        # By way of a link, since the list is split at spaces and colons.
+        link = os.path.join(folder, "faults.so")
+        os.symlink(LIBRARY, link)
+        environment["LD_PRELOAD"] = ":".join(filter(None, (os.environ.get("LD_PRELOAD"), link)))
+    return environment
 
 
 class Cases:
@@ -64,12 +87,14 @@ class Cases:
             self.faults.append(f"{text}: {error!r:.2000}\n{''.join(traceback.format_tb(error.__traceback__)[-1:])}")
 
 
-def run_cases(function, *arguments):
+def run_cases(least, function, *arguments):
+    if LIBRARY and not library:
+        sys.exit(f"the fault library is not loaded: LD_PRELOAD={os.environ['LD_PRELOAD']}")
     cases = Cases()
     with contextlib.redirect_stdout(sys.stderr):
         function(cases, *arguments)
-    print(f"{cases.count} cases, {len(cases.faults)} faults", *cases.faults, sep="\n")
-    sys.exit(not cases.count or bool(cases.faults))
+    print(f"{cases.count} cases of at least {least}, {len(cases.faults)} faults", *cases.faults, sep="\n")
+    sys.exit(cases.count < least or bool(cases.faults))
 
 
 # ---- One database, one call of every kind on it --------------------------------------------------
@@ -238,7 +263,8 @@ class NoMemory(Fault):
         _testcapi.set_nomemory(*self.plan)
 
 
-library = ctypes.CDLL(LIBRARY) if LIBRARY else None
+# Among the names of the process itself: there only where the library has been preloaded.
+library = ctypes.CDLL(None) if hasattr(ctypes.CDLL(None), "fault_arm") else None
 if library:
     library.fault_names.restype = ctypes.c_char_p
 FAIL, SHORTEN, INTERRUPT, KILL_BEFORE, KILL_AFTER, NO_MALLOC, PREDICT = range(1, 8)
