@@ -1,4 +1,4 @@
-# One test per file: tests/test_*.py, and tests/slow_*.py under the label "slow".
+# One test per file: tests/test_*.py, and tests/slow_*.py, which `ctest` leaves out unless it is told `-C Slow`.
 
 enable_testing()
 
@@ -19,21 +19,20 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     set(fault_environment "JSON_DATABASE_FAULT_LIBRARY=$<TARGET_FILE:fault_library>")
 endif()
 
-function(json_database_tests pattern timeout label)
+function(json_database_tests pattern timeout)
     file(GLOB files CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tests/${pattern}")
     set(environment ${run_environment} ${fault_environment})
     list(TRANSFORM environment REPLACE "^(PYTHONPATH=.*)$" "\\1:${PROJECT_SOURCE_DIR}/tests:${PROJECT_SOURCE_DIR}/bench")
     foreach(file IN LISTS files)
         cmake_path(GET file STEM name)
-        add_test(NAME ${name} COMMAND "${cpython310_executable}" -X dev -m unittest -v ${name})
+        add_test(NAME ${name} COMMAND "${cpython310_executable}" -X dev -m unittest -v ${name} ${ARGN})
         set_tests_properties(${name} PROPERTIES
             WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}/tests"
             ENVIRONMENT "${environment}"
-            LABELS "${label}"
             TIMEOUT ${timeout}
         )
     endforeach()
 endfunction()
 
-json_database_tests(test_*.py 300 "")
-json_database_tests(slow_*.py 900 slow)
+json_database_tests(test_*.py 300)
+json_database_tests(slow_*.py 900 CONFIGURATIONS Slow)
