@@ -17,6 +17,8 @@ import subprocess
 import tempfile
 import unittest
 
+from support import run_python
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DOCUMENTS = {path.relative_to(ROOT): path.read_text() for path in [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]}
 PERHAPS_MISSING = {"pandas", "duckdb"}
@@ -68,8 +70,15 @@ class Documents(unittest.TestCase):
                 os.chdir(ROOT)
 
     def test_readme_shows_the_example(self):
-        readme = DOCUMENTS[pathlib.Path("README.md")]
-        self.assertIn(("python", (ROOT / "examples/inventory.py").read_text()), blocks(readme))
+        """It runs as a program of its own; the second time, its file is there and both first inserts are refused."""
+        example = ROOT / "examples/inventory.py"
+        readme = blocks(DOCUMENTS[pathlib.Path("README.md")])
+        code, (_, shown) = next(pair for pair in itertools.pairwise(readme) if pair[0][0] == "python")
+        self.assertEqual(code[1], example.read_text())
+        with tempfile.TemporaryDirectory() as folder:
+            first, again = (lines("\n".join(run_python(example.read_text(), folder))) for _ in range(2))
+        self.assertEqual(first, lines(shown))
+        self.assertEqual(again[-len(first) + 2:], first[2:])
 
     def test_presets_and_links_exist(self):
         workflows = json.loads((ROOT / "CMakePresets.json").read_text())["workflowPresets"]
