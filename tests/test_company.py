@@ -1,9 +1,9 @@
 """Interrupts, threads, other processes and the exit."""
 
 import contextlib
-import gc
 import io
 import json
+import multiprocessing
 import os
 import random
 import signal
@@ -11,7 +11,6 @@ import sys
 import tempfile
 import threading
 import time
-import traceback
 import unittest
 
 from fault_support import (
@@ -38,7 +37,8 @@ def alike(size):
 
 
 WALKS = {
-    **{name: (grown, OPERATIONS[name]) for name in ("insert", "update", "clear_table", "save", "load", "_build_indexes")},
+    **{name: (grown, OPERATIONS[name])
+       for name in ("insert", "update", "clear_table", "save", "load", "_build_indexes")},
     "display_table": (grown, lambda db: db.display_table("t", 0)),
     "rebuild": (lambda size: JSONDatatable(PATH), lambda db: db._dict_to_row_id(table(db), {"k": 0})),
     "select": (alike, lambda db: db.select("t", {"s": LONG_TEXT + "b", "k": 0})),
@@ -64,18 +64,24 @@ def interrupts(cases, size):
                 signal.setitimer(signal.ITIMER_PROF, 0)
                 taken.append(time.process_time() - start)
         with cases(name, taken):
-            # Clocks are coarse, and the host reads a whole file in one go.
+            # Clocks are coarse, and the interpreter reads a whole file in one go.
             if taken[0] < 0.05 and got[0] == "returned":
                 continue
             assert got == (KeyboardInterrupt, ("misbehaved",)), got
-            assert taken[1] < taken[0] * 0.8 or name == "load" or taken[0] < 0.1, "honoured late"
-            assert read() == content and listing() == [f"./{PATH}"] and (name != "load" or not output.getvalue())
+            if name != "load" and taken[0] >= 0.1:
+                assert taken[1] < taken[0] * 0.8, f"{taken[0]} s alone, {taken[1]} s when interrupted"
+            assert read() == content
+            assert listing() == [f"./{PATH}"], listing()
+            if name == "load":
+                assert not output.getvalue(), output.getvalue()
+                continue
             if name == "rebuild":
                 operation(db)
             if name == "_build_indexes":  # what was built so far stays
                 continue
-            assert name == "load" or list(table(db).indexes) == ["k", "s", "u"]
-            assert make is alike or not disagreement(db), "not whole"
+            assert list(table(db).indexes) == ["k", "s", "u"]
+            if make is not alike:
+                assert not disagreement(db), disagreement(db)
 
 
 def crowd(cases, seconds):
@@ -106,25 +112,23 @@ def many_processes(cases, seconds):
     """Writers and readers on one file: each reader always finds one writer's complete document."""
     reset(b"")
     saved(fresh())
-    until, children = time.monotonic() + seconds, {}
-    for number in range(6):
-        child = os.fork()
-        if child == 0:
-            try:
-                db = grown(number * 50)
-                while time.monotonic() < until:
-                    if number % 2:
-                        db.save()
-                    rows = JSONDatatable(PATH).tables["t"].rows
-                    assert rows == grown(len(rows)).tables["t"].rows or len(rows) == 5
-            except BaseException:
-                traceback.print_exc()
-                os._exit(1)
-            os._exit(0)
-        children[child] = number
-    for child, number in children.items():
+    until = time.monotonic() + seconds
+
+    def work(number):
+        db = grown(number * 50)
+        while time.monotonic() < until:
+            if number % 2:
+                db.save()
+            rows = JSONDatatable(PATH).tables["t"].rows
+            assert len(rows) == 5 or rows == grown(len(rows)).tables["t"].rows, rows
+
+    children = [multiprocessing.get_context("fork").Process(target=work, args=(number,)) for number in range(6)]
+    for child in children:
+        child.start()
+    for number, child in enumerate(children):
         with cases(number):
-            assert os.waitpid(child, 0)[1] == 0
+            child.join()
+            assert child.exitcode == 0, child.exitcode
     assert listing() == [f"./{PATH}"], listing()
 
 
@@ -160,13 +164,13 @@ ENDINGS = [
 
 class Company(FaultTest):
     def test_interrupts(self):
-        self.in_child(interrupts, 400000 if LONG else 60000)
+        self.in_child(interrupts, 400000 if LONG else 60000, least=len(WALKS))
 
     def test_threads(self):
-        self.in_child(crowd, 9 if LONG else 0.6)
+        self.in_child(crowd, 9 if LONG else 0.6, least=3)
 
     def test_many_processes(self):
-        self.in_child(many_processes, 8 if LONG else 0.5)
+        self.in_child(many_processes, 8 if LONG else 0.5, least=6)
 
     def test_exit(self):
         for ending in ENDINGS:

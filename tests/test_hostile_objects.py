@@ -13,28 +13,28 @@ from fault_support import (
 from support import JSONDatatable, module
 
 
-class Stage:
-    """What hostile objects do: nothing wrong for some calls of their methods, then an act at each further one."""
+class Script:
+    """What hostile objects do when their methods are called: nothing wrong for some calls, then an action at each."""
 
-    def set(self, db, act="raise", honest=0):
-        self.db, self.act, self.honest, self.calls, self.acting = db, act, honest, 0, False
+    def set(self, db, action="raise", calls_before=1000):
+        self.db, self.action, self.calls_before, self.calls, self.acting = db, action, calls_before, 0, False
         return db
 
-    def answer(self, honestly):
+    def answer(self, right_answer):
         self.calls += 1
         # Not for ever: rows that grow at every step of a walk would make any walk endless.
-        if self.honest < self.calls <= self.honest + 50 and not self.acting:
-            if self.act in ODD:
-                return ODD[self.act]
+        if self.calls_before < self.calls <= self.calls_before + 50 and not self.acting:
+            if self.action in ODD_ANSWERS:
+                return ODD_ANSWERS[self.action]
             self.acting = True
             try:
-                ACTS[self.act](self.db)
+                ACTIONS[self.action](self.db)
             finally:
                 self.acting = False
-        return honestly()
+        return right_answer()
 
 
-stage = Stage()
+script = Script()
 
 
 def misbehave(kind):
@@ -45,8 +45,8 @@ def table(db):
     return db.tables["t"]
 
 
-ODD = {repr(odd)[:6]: odd for odd in (None, [], -1, 10 ** 30, "odd", NotImplemented)}
-ACTS = {
+ODD_ANSWERS = {repr(odd)[:6]: odd for odd in (None, [], -1, 10 ** 30, "odd", NotImplemented)}
+ACTIONS = {
     "raise": lambda db: misbehave(ZeroDivisionError),
     "interrupt": lambda db: misbehave(KeyboardInterrupt),
     "clear rows": lambda db: table(db).rows.clear(),
@@ -71,17 +71,19 @@ class Hostile(HostilePath):
     """Not for a file name: a number would be a descriptor."""
 
 
-for special, honest in {
-        "__eq__": lambda self, other: self is other, "__ne__": lambda self, other: self is not other,
-        "__hash__": lambda self: hash("new"), "__str__": lambda self: "text", "__repr__": lambda self: "text",
-        "__format__": lambda self, _: "text", "__bool__": lambda self: True, "__int__": lambda self: 1,
-        "__index__": lambda self: 1, "__float__": lambda self: 1.0, "__len__": lambda self: 1,
-        "__del__": lambda self: None, "__iter__": lambda self: iter([1]), "__contains__": lambda self, _: True,
-        "__getitem__": lambda self, _: [1], "__fspath__": lambda self: PATH,
-        "__getattr__": lambda self, name: getattr(table(stage.db), name),
-        "__setitem__": lambda self, *_: None, "__delitem__": lambda self, _: None}.items():
-    def method(self, *args, honest=honest):
-        return stage.answer(lambda: honest(self, *args))
+RIGHT_ANSWERS = {
+    "__eq__": lambda self, other: self is other, "__ne__": lambda self, other: self is not other,
+    "__hash__": lambda self: hash("new"), "__str__": lambda self: "text", "__repr__": lambda self: "text",
+    "__format__": lambda self, _: "text", "__bool__": lambda self: True, "__int__": lambda self: 1,
+    "__index__": lambda self: 1, "__float__": lambda self: 1.0, "__len__": lambda self: 1,
+    "__del__": lambda self: None, "__iter__": lambda self: iter([1]), "__contains__": lambda self, _: True,
+    "__getitem__": lambda self, _: [1], "__fspath__": lambda self: PATH,
+    "__getattr__": lambda self, name: getattr(table(script.db), name),
+    "__setitem__": lambda self, *_: None, "__delitem__": lambda self, _: None}
+
+for special, right in RIGHT_ANSWERS.items():
+    def method(self, *args, right=right):
+        return script.answer(lambda: right(self, *args))
     setattr(Hostile if special in ("__int__", "__index__", "__float__") else HostilePath, special, method)
 
 
@@ -91,15 +93,16 @@ class Spelt(str):
     __hash__ = str.__hash__
 
     def __eq__(self, other):
-        return stage.answer(lambda: str.__eq__(self, other))
+        return script.answer(lambda: str.__eq__(self, other))
 
 
 def respell(record, name):
     vars(record)[Spelt(name)] = vars(record).pop(name)
 
 
-PLANTS = {
-    "argument": None,
+# Where a hostile object is put before the operation; as an argument it is handed over.
+PLACES = {
+    "argument": lambda db: None,
     "value": lambda db: operator.setitem(table(db).rows[1], 2, Hostile()),
     "keys": lambda db: [(operator.setitem(table(db).rows[row], column, Hostile()), db._build_indexes("t"))
                         for row in (0, 1) for column in (1, 3)],
@@ -116,56 +119,65 @@ PLANTS = {
     "respelt tables": lambda db: respell(db, "tables"),
     "filename": lambda db: setattr(db, "filename", HostilePath()),
     "tables": lambda db: setattr(db, "tables", Hostile()),
-    **{f"redefined {name}": lambda db, name=name: setattr(db, name, lambda *args, **names: stage.answer(Hostile))
+    **{f"redefined {name}": lambda db, name=name: setattr(db, name, lambda *args, **names: script.answer(Hostile))
        for name in vars(JSONDatatable) if name[1] != "_"},
     **{f"rebound {name}": lambda db, name=name: setattr(module, name, Hostile()) for name in (
         "json", "open", "os", "re", "datetime", "Column", "Table")},
 }
 
 
-NESTED = [("argument", act) for act in ("insert", "update", "save", "clear_table")]
+# What a call within the operation changes stays, and rows and indexes must agree all the same.
+NESTED = [("argument", action) for action in ("insert", "update", "save", "clear_table")]
 OFTENER = {("keys", "raise"): 0.5, ("keys", "clear indexes"): 0.5, ("argument", "clear arguments"): 1,
            ("respelt name", "clear columns"): 1}
 
 
-def hostile_objects(cases, share):
+def combinations(share):
+    """Some of the places, operations and actions that go together, always the same ones."""
     chosen = random.Random(4)
+    for place, name, action in itertools.product(PLACES, OPERATIONS, (*ODD_ANSWERS, *ACTIONS)):
+        possible = place != "argument" or "x" in OPERATIONS[name].__code__.co_varnames
+        if possible and chosen.random() <= max(share, OFTENER.get((place, action), 0)):
+            yield place, name, action
+
+
+def hostile_objects(cases, share):
     reset(b"")
     content = saved(fresh())
     originals = dict(vars(module))
-    for plant, name, act in itertools.product(PLANTS, OPERATIONS, (*ODD, *ACTS)):
-        accepts = plant != "argument" or "x" in OPERATIONS[name].__code__.co_varnames
-        if not accepts or chosen.random() > max(share, OFTENER.get((plant, act), 0)):
+    for (place, name, action), calls_before in itertools.product(combinations(share), range(25)):
+        if calls_before > 0 and not used:
             continue
-        for honest in range(25):
-            reset(content)
-            db = stage.set(fresh(), honest=1000)
-            given = [db, HostilePath() if name == "__init__" else Hostile()] if plant == "argument" else [db]
-            if PLANTS[plant]:
-                PLANTS[plant](db)
-            before, saving = plant in ("keys", "value", "argument") and memory(db, id), []
-            if before:
-                db.save = lambda: (saving.append(1), JSONDatatable.save(db))
-            with cases(plant, name, act, honest):
-                stage.set(db, act, honest)
-                got, _ = outcome(OPERATIONS[name], *given, show=type)
-                used = stage.calls > honest
-                stage.set(db, honest=1000)
-                vars(module).clear()
-                vars(module).update(originals)
-                assert got[0] is not SystemError, got
-                json.loads(read())
-                assert listing() == [f"./{PATH}"] or plant in ("filename", "argument"), listing()
-                if (act in ("raise", "interrupt") or (plant, act) in NESTED) and before and name not in PARTIAL:
-                    assert not disagreement(db), disagreement(db)
-                    assert saving or act not in ("raise", "interrupt") or memory(db, id) == before, "not taken back"
-            if not used:
-                break
+        reset(content)
+        db = script.set(fresh())
+        arguments = [HostilePath() if name == "__init__" else Hostile()] if place == "argument" else []
+        PLACES[place](db)
+        watched, saving = place in ("keys", "value", "argument"), []
+        before = memory(db, id) if watched else None
+        if watched:
+            db.save = lambda: (saving.append(1), JSONDatatable.save(db))
+        with cases(place, name, action, calls_before):
+            script.set(db, action, calls_before)
+            got, _ = outcome(OPERATIONS[name], db, *arguments, show=type)
+            used = script.calls > calls_before
+            script.set(db)
+            vars(module).clear()
+            vars(module).update(originals)
+            assert got[0] is not SystemError, got
+            json.loads(read())
+            assert place in ("filename", "argument") or listing() == [f"./{PATH}"], listing()
+            if not watched or name in PARTIAL:
+                continue
+            if action in ("raise", "interrupt") or (place, action) in NESTED:
+                assert not disagreement(db), disagreement(db)
+            if action in ("raise", "interrupt") and not saving:
+                assert memory(db, id) == before, f"not undone: {memory(db)}"
 
 
-class HostObjects(FaultTest):
+class HostileObjects(FaultTest):
     def test_every_object_in_every_place(self):
-        self.in_child(hostile_objects, 1 if LONG else 0.02)
+        self.in_child(hostile_objects, 1 if LONG else 0.02, least=50000 if LONG else 1200)
+
 
 if __name__ == "__main__":
     unittest.main()

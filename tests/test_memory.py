@@ -13,7 +13,7 @@ from fault_support import (
     LIBRARY, LONG, NO_MALLOC, OPERATIONS, SANITIZED, FaultTest, NoMemory, SystemFault, _testcapi, fresh,
     outcome, reset, saved, sweep)
 from support import JSONDatatable
-from test_hostile_objects import Hostile, stage, table
+from test_hostile_objects import Hostile, script, table
 
 
 def allocations(cases, stride):
@@ -64,7 +64,7 @@ def leaks(cases, times):
             for _ in range(3):  # what is kept for good settles in one round or another, a leak in none
                 before, descriptors = held(), os.listdir("/proc/self/fd")
                 for _ in range(times):
-                    outcome(operation, stage.set(fresh()))
+                    outcome(operation, script.set(fresh()))
                 growths.append([now - then for now, then in zip(held(), before)])
             blocks, size = map(min, zip(*growths))
             assert blocks < times / 4 and size < 500 + times * 8, f"{growths} blocks and bytes more"
@@ -89,14 +89,14 @@ def leaks(cases, times):
 class Memory(FaultTest):
     @unittest.skipUnless(_testcapi, "the interpreter has no _testcapi")
     def test_every_allocation(self):
-        self.in_child(allocations, 1 if LONG else 13)
+        self.in_child(allocations, 1 if LONG else 13, least=1000 if LONG else 100)
 
     @unittest.skipIf(SANITIZED or not LIBRARY, "no library to preload, or the sanitizer has a malloc of its own")
     def test_every_outer_allocation(self):
-        self.in_child(outer_allocations)
+        self.in_child(outer_allocations, least=400)
 
     def test_leaks(self):
-        self.in_child(leaks, 2000 if LONG else 200)
+        self.in_child(leaks, 2000 if LONG else 200, least=40)
 
 if __name__ == "__main__":
     unittest.main()
