@@ -78,13 +78,13 @@ class Disk(FaultTest):
     some = (*WRITING, "insert much") if LONG else ("insert", "insert much")
 
     def test_every_system_call(self):
-        self.in_child(system_calls, self.some)
+        self.in_child(system_calls, self.some, least=600)
 
     def test_killed_at_every_system_call(self):
-        self.in_child(kills, self.some)
+        self.in_child(kills, self.some, least=200)
 
     def test_planted_names(self):
-        self.in_child(planted)
+        self.in_child(planted, least=12)
 
 if __name__ == "__main__":
     unittest.main()

@@ -122,15 +122,15 @@ CAN_MOUNT = bool(shutil.which("unshare")) and not subprocess.run(["unshare", "-r
 
 class Targets(FaultTest):
     def test_targets(self):
-        self.in_child(targets)
+        self.in_child(targets, least=10)
 
     @unittest.skipUnless(os.getuid() == 0, "only root can become another user")
     def test_ordinary_user(self):
-        self.in_child(ordinary_user)
+        self.in_child(ordinary_user, least=4)
 
     @unittest.skipUnless(CAN_MOUNT, "mounting is not permitted here")
     def test_mounts(self):
-        self.in_child(mounted, through=("unshare", "-rm"))
+        self.in_child(mounted, least=2, through=("unshare", "-rm"))
 
 if __name__ == "__main__":
     unittest.main()
