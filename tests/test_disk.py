@@ -24,6 +24,19 @@ def system_calls(cases, names):
             *(SystemFault(action, n + 1, n + more) for action in (SHORTEN, INTERRUPT) for more in (1, 3))), shape=shape)
 
 
+def flushes(cases):
+    """What a call has written is on the disk when it returns: the new file before its rename, the folder after it."""
+    for name in WRITING:
+        with cases(name):
+            old_and_new(name, "plain")
+            watched = SystemFault(FAIL, 10 ** 6)
+            outcome(OPERATIONS[name], fresh(), fault=watched)
+            renamed = watched.names.index("renameat")
+            written = renamed - watched.names[renamed::-1].index("write")
+            assert "fsync" in watched.names[written:renamed], f"file not flushed: {watched.names}"
+            assert "fsync" in watched.names[renamed:], f"folder not flushed: {watched.names}"
+
+
 def kills(cases, names):
     """Also: what is left behind was at no moment more accessible than the file."""
     os.umask(0o022)
@@ -79,6 +92,9 @@ class Disk(FaultTest):
 
     def test_every_system_call(self):
         self.in_child(system_calls, self.some, least=600)
+
+    def test_flushes(self):
+        self.in_child(flushes, least=len(WRITING))
 
     def test_killed_at_every_system_call(self):
         self.in_child(kills, self.some, least=200)
