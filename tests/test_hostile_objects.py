@@ -5,6 +5,7 @@ import itertools
 import json
 import operator
 import random
+import traceback
 import unittest
 
 from fault_support import (
@@ -175,6 +176,17 @@ def hostile_objects(cases, share):
 
 
 class HostileObjects(FaultTest):
+    def test_handled_error_keeps_its_traceback(self):
+        class Wordless:
+            def __str__(self):
+                raise ValueError("no words")
+
+        with self.assertRaises(ValueError) as caught:
+            fresh().insert("t", {"k": Wordless()})
+        handled = caught.exception.__context__
+        self.assertEqual(handled.args, ("no words",))
+        self.assertEqual([frame.name for frame in traceback.extract_tb(handled.__traceback__)], ["__str__"])
+
     def test_every_object_in_every_place(self):
         self.in_child(hostile_objects, 1 if LONG else 0.02, least=50000 if LONG else 1200)
 
