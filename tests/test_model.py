@@ -433,7 +433,9 @@ class ModelTest(unittest.TestCase):
     maxDiff = None
 
     def test_random_operations(self):
-        self.assertEqual("", first_report(range(30)))
+        for first in range(0, 30, 10):
+            print(f"seeds from {first}", file=sys.stderr, flush=True)
+            self.assertEqual("", first_report(range(first, first + 10)))
 
 
 if __name__ == "__main__":
