@@ -43,8 +43,10 @@ class Functions(DatabaseTest):
                 self.assertIs(pickle.loads(pickle.dumps(method)), method)
                 self.assertIs(weakref.ref(method)(), method)
                 self.assertRaises(TypeError, mock.create_autospec(method), *range(6))
+                declared = {}
+                exec(f"def {name}{inspect.signature(method)}: pass", declared)
                 facts = "co_name", "co_varnames", "co_argcount", "co_nlocals", "co_flags", "co_names", "co_freevars"
-                self.assertEqual(*([getattr(code, fact) for fact in facts] for code in (method.__code__, declared.__code__)))
+                self.assertEqual(*([getattr(code, fact) for fact in facts] for code in (method.__code__, declared[name].__code__)))
                 self.assertEqual(method.__code__.co_filename, "<json_database>")
                 # A copy of the function has its code, whose body is not the native one.
                 given = range(method.__code__.co_argcount)

@@ -14,6 +14,7 @@ import os
 import pickle
 import random
 import re
+import sys
 import tempfile
 import unittest
 from datetime import date, datetime
