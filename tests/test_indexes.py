@@ -1,0 +1,151 @@
+"""Indexes follow the rows in place, whatever the columns are called and whatever Python code does in between."""
+
+import contextlib
+import gc
+import sys
+import types
+import unittest
+from unittest import mock
+
+from support import DatabaseTest, JSONDatatable, module, optional, unique
+
+
+class Tidy(JSONDatatable):
+    """Tidies the stored rows whenever a row is validated."""
+
+    def _validate_row(self, table, data, update=False):
+        table.rows[:] = [[str(value).strip() for value in row] for row in table.rows]
+        return super()._validate_row(table, data, update)
+
+
+class Refusing:
+    """A value that raises when it is hashed, after so many calls."""
+
+    def __init__(self, error, calls=0):
+        self.error, self.calls = error, calls
+
+    def __hash__(self):
+        self.calls -= 1
+        if self.calls < 0:
+            raise self.error("refused")
+        return 1
+
+
+class InPlace(DatabaseTest):
+    def test_an_index_stays_the_same_object(self):
+        table = self.table(unique("k"), rows=["a"])
+        index = table.indexes["k"]
+        for value in ("b", ("c", 1), b"d", frozenset("e")):
+            self.db.insert("t", {"k": value})
+        self.db.update("t", 0, {"k": ("f",)})
+        self.db.delete("t", 1)
+        with self.assertRaises(TypeError):
+            self.db.update("t", 2, {"k": ["unhashable"]})
+        self.assertIs(table.indexes["k"], index)
+        self.assertEqual(index, {("f",): [0], ("c", 1): [2], b"d": [3], frozenset("e"): [4]})
+
+    def test_a_change_leaves_indexes_small(self):
+        names = [f"c{number}" for number in range(60)]
+        table = self.table(*map(unique, names))
+        for row in range(3):
+            self.db.insert("t", {name: f"{name} {row}" for name in names})
+        before = sys.getsizeof(table.indexes["c0"])
+        self.db.update("t", 0, {name: "new" for name in names})
+        self.db.delete("t", 1)
+        self.assertEqual(sys.getsizeof(table.indexes["c0"]), before)
+
+    def test_rows_tidied_while_a_row_is_validated(self):
+        for data, error in (({"k": "x", "n": "z"}, None), ({"k": "x", "n": "bad"}, ValueError)):
+            with self.subTest(error):
+                self.db = Tidy(self.at("tidy.json"))
+                self.db.tables.clear()
+                table = self.table(unique("k"), optional("n", validation_pattern="[a-z]$"))
+                table.rows[:] = [[" a ", "p"], [" b ", "q"]]
+                self.db._build_indexes("t")
+                with self.assertRaises(error) if error else contextlib.nullcontext():
+                    self.db.update("t", 0, data)
+                found = [self.db.select("t", {"k": key}) for key in ("a" if error else "x", "b")]
+                self.assertEqual([len(rows) for rows in found], [1, 1])
+
+    def test_an_undo_that_fails_leaves_the_rebuild_to_the_next_use(self):
+        table = self.table(unique("k"), optional("n", validation_pattern="[a-z]$"))
+        key = Refusing(ZeroDivisionError, calls=10 ** 6)
+        self.db.save = lambda: None
+        self.db.insert("t", {"k": key, "n": "a"})
+        key.calls = 2  # the withdrawal asks twice
+        with self.raises(ValueError, "Value for column 'n' doesn't match validation pattern"):
+            self.db.update("t", 0, {"k": "x", "n": "BAD"})
+        key.calls = 10 ** 6
+        self.assertEqual(self.db.select("t", {"k": key}), [{"k": key, "n": "a"}])
+        self.assertEqual(table.indexes, {"k": {key: [0]}})
+
+    def test_a_failed_insert_into_rows_that_are_no_list(self):
+        table = self.table(unique("k"))
+        table.rows = {}
+        with mock.patch.object(sys, "unraisablehook") as unraisable, self.raises(AttributeError):
+            self.db.insert("t", {"k": 1})
+        unraisable.assert_not_called()
+
+
+class Building(DatabaseTest):
+    def test_what_was_built_stays_whatever_ends_it(self):
+        for error in (TypeError, MemoryError, KeyboardInterrupt):
+            with self.subTest(error):
+                table = module.Table("t", [unique("a"), unique("b")], [["x", "y"], [Refusing(error), "z"]])
+                self.db.tables = {"t": table}
+                with self.raises(error, "refused"):
+                    self.db._build_indexes("t")
+                self.assertEqual(table.indexes, {"a": {"x": [0]}})
+
+    def test_a_rebuild_keeps_the_order_of_the_file(self):
+        self.table(unique("a"), optional("b"), optional("c"), rows=["1"])
+        self.db._build_index("t", "c")
+        self.db.tables["t"].indexes = dict(reversed(self.db.tables["t"].indexes.items()))
+        self.db.tables["t"].columns[1].unique = True
+        self.db.save()
+        loaded = JSONDatatable(self.path)
+        loaded._dict_to_row_id(loaded.tables["t"], {})
+        self.assertEqual(list(loaded.tables["t"].indexes), ["c", "a", "b"])
+
+
+class RowDictionaries(DatabaseTest):
+    NAMES = ["__class__", "__dict__", "__weakref__", "__slots__", "", "plain"]
+
+    def test_columns_of_any_name(self):
+        row = dict(zip(self.NAMES, range(6)))
+        self.table(*map(optional, self.NAMES))
+        self.db.tables["t"].rows = [list(row.values())] * 100
+        self.assertEqual([self.db.get_row("t", number) for number in range(40)], [row] * 40)
+        self.assertEqual(self.db.select("t"), [row] * 100)
+        self.assertEqual(self.db.select("t", None, ["__class__", "plain"]), [{"__class__": 0, "plain": 5}] * 100)
+
+    def test_each_is_its_own(self):
+        """They share a table of keys, which a change of one must not show in the others."""
+        self.table(optional("a"), optional("b"))
+        self.db.tables["t"].rows = [[number, [number]] for number in range(100)]
+        rows = self.db.select("t")
+        rows[50]["c"] = rows[51][5] = 1
+        del rows[52]["a"]
+        rows[53].clear()
+        expected = [{"a": number, "b": [number]} for number in range(100)]
+        self.assertEqual(rows[:50] + rows[54:], expected[:50] + expected[54:])
+        self.assertEqual(rows[50:54], [{**expected[50], "c": 1}, {**expected[51], 5: 1}, {"b": [52]}, {}])
+        self.assertEqual(self.db.select("t"), expected)
+        self.assertEqual([{**row, "a": 0} for row in self.db.select("t")], [{**row, "a": 0} for row in expected])
+
+    def test_nothing_is_left_to_the_collector(self):
+        self.table(*map(optional, self.NAMES))
+        self.db.tables["t"].rows = [[1] * 6] * 100
+        self.db.select("t", None, ["plain"])  # makes what lives as long as the process
+        gc.collect()
+        for names in ([""], ["__dict__", "plain"], ["plain", "__dict__"]):
+            self.db.select("t", None, names)
+        self.assertEqual(gc.collect(), 0)
+
+    def test_a_value_is_read_before_its_columns_name(self):
+        with self.raises(IndexError, "list index out of range"):
+            self.db._row_to_dict(types.SimpleNamespace(columns=[types.SimpleNamespace()]), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
