@@ -80,8 +80,8 @@ class InPlace(DatabaseTest):
         self.assertEqual(table.indexes, {"k": {key: [0]}})
 
     def test_a_failed_insert_into_rows_that_are_no_list(self):
-        table = self.table(unique("k"))
-        table.rows = {}
+        table = self.table(optional("k"))
+        table.rows = {"a": 1}
         with mock.patch.object(sys, "unraisablehook") as unraisable, self.raises(AttributeError):
             self.db.insert("t", {"k": 1})
         unraisable.assert_not_called()
