@@ -4,11 +4,13 @@
 
 #include <utility>
 
+#include "host/ref.h"
+
 namespace jdb {
 
 HandledError::HandledError() noexcept {
     PyErr_Fetch(&item_.exc_type, &item_.exc_value, &item_.exc_traceback);
-    PyErr_NormalizeException(&item_.exc_type, &item_.exc_value, &item_.exc_traceback);
+    python(PyErr_NormalizeException, &item_.exc_type, &item_.exc_value, &item_.exc_traceback);
     if (item_.exc_traceback != nullptr) PyException_SetTraceback(item_.exc_value, item_.exc_traceback);
     PyThreadState* thread = PyThreadState_Get();
     item_.previous_item = std::exchange(thread->exc_info, &item_);
@@ -16,14 +18,14 @@ HandledError::HandledError() noexcept {
 
 HandledError::~HandledError() {
     PyThreadState_Get()->exc_info = item_.previous_item;
-    Py_XDECREF(item_.exc_type);
-    Py_XDECREF(item_.exc_value);
-    Py_XDECREF(item_.exc_traceback);
+    drop(item_.exc_type);
+    drop(item_.exc_value);
+    drop(item_.exc_traceback);
 }
 
 void HandledError::reraise() {
-    PyErr_Restore(std::exchange(item_.exc_type, nullptr), std::exchange(item_.exc_value, nullptr),
-                  std::exchange(item_.exc_traceback, nullptr));
+    python(PyErr_Restore, std::exchange(item_.exc_type, nullptr), std::exchange(item_.exc_value, nullptr),
+           std::exchange(item_.exc_traceback, nullptr));
     throw PythonError{};
 }
 

@@ -42,7 +42,7 @@ Ref with_raising_body(PyObject* code) {
     const Ref bytes = new_bytes({instructions, sizeof(instructions)});
     const Ref line_table = new_bytes({lines, sizeof(lines)});
     const Ref words = new_text("the body of this function is native and cannot be run as code");
-    const Ref constants = Ref::steal(PyTuple_Pack(2, Py_None, static_cast<PyObject*>(words)));
+    const Ref constants = Ref::steal(python(PyTuple_Pack, 2, Py_None, static_cast<PyObject*>(words)));
     const Ref depth = integer(2);
     return call_method(code, replace, {},
                        {{co_code, bytes}, {co_consts, constants}, {co_linetable, line_table}, {co_stacksize, depth}});
@@ -71,7 +71,7 @@ Ref make_function(std::string_view class_name, const Method& method, int line, P
     const Ref code = make_code(*method.parsed, line);
     const Ref qualified_name =
         Ref::steal(PyUnicode_FromFormat("%.200s.%U", std::string(class_name).c_str(), method.parsed->name));
-    Ref function = Ref::steal(PyFunction_NewWithQualName(code, globals, qualified_name));
+    Ref function = Ref::steal(python(PyFunction_NewWithQualName, code, globals, qualified_name));
     const Ref defaults = make_defaults(method.signature);
     if (defaults) check(PyFunction_SetDefaults(function, defaults));
     const Ref annotations = make_annotations(method.signature);
@@ -80,7 +80,7 @@ Ref make_function(std::string_view class_name, const Method& method, int line, P
     documentation.append(".").append(signature_line(method.signature));
     if (method.description != nullptr) documentation.append("\n\n").append(method.description);
     const Ref text = new_text(documentation);
-    check(PyObject_SetAttrString(function, "__doc__", text));
+    check(python(PyObject_SetAttrString, function, "__doc__", text));
     call_slot(function) = method.entry;
     return function;
 }
@@ -90,15 +90,15 @@ Ref make_function(std::string_view class_name, const Method& method, int line, P
 Ref make_class(const char* name, std::span<const Method> methods, PyObject* globals) {
     const Ref class_name = new_text(name);
     const Ref attributes = new_dict();
-    const Ref module_name = Ref::steal(PyMapping_GetItemString(globals, "__name__"));
-    check(PyDict_SetItemString(attributes, "__module__", module_name));
+    const Ref module_name = Ref::steal(python(PyMapping_GetItemString, globals, "__name__"));
+    check(python(PyDict_SetItemString, attributes, "__module__", module_name));
     int line = 1;  // as if the class were written with a method on each line
     for (const Method& method : methods) {
         *method.parsed = parse_signature(method.signature);
         const Ref function = make_function(name, method, ++line, globals);
         set_item(attributes, method.parsed->name, function);
     }
-    const Ref bases = Ref::steal(PyTuple_New(0));
+    const Ref bases = Ref::steal(python(PyTuple_New, 0));
     return call(reinterpret_cast<PyObject*>(&PyType_Type), {class_name, bases, attributes});
 }
 

@@ -11,7 +11,7 @@ void raise(PyObject* type, const char* format, ...) {
     PyObject* message = PyUnicode_FromFormatV(format, arguments);
     va_end(arguments);
     if (message != nullptr) {
-        PyErr_SetObject(type, message);
+        python(PyErr_SetObject, type, message);
         Py_DECREF(message);
     }
     throw PythonError{};

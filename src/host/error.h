@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "host/exit.h"
 #include "host/python.h"
 
 namespace jdb {
@@ -20,11 +21,23 @@ inline int check(int status) {
     return status;
 }
 
+// Whether the work was done; otherwise it threw PythonError, and the error is still pending. What answers an error with
+// calls of the interpreter asks this: it may make none within a `catch` block.
+template <class Work>
+[[nodiscard]] bool succeeds(Work&& work) {
+    try {
+        std::forward<Work>(work)();
+        return true;
+    } catch (const PythonError&) {
+        return false;
+    }
+}
+
 // Keeps the pending error aside while it lives, so that work that cleans up may call the host.
 class SavedError {
 public:
     SavedError() noexcept { PyErr_Fetch(&type_, &value_, &traceback_); }
-    ~SavedError() { PyErr_Restore(type_, value_, traceback_); }
+    ~SavedError() { python(PyErr_Restore, type_, value_, traceback_); }
     SavedError(const SavedError&) = delete;
     SavedError& operator=(const SavedError&) = delete;
 
@@ -38,11 +51,7 @@ private:
 // the host reports it as unraisable.
 template <class Step>
 void attempt(Step step) noexcept {
-    try {
-        step();
-    } catch (const PythonError&) {
-        PyErr_WriteUnraisable(nullptr);
-    }
+    if (!succeeds(step)) python(PyErr_WriteUnraisable, nullptr);
 }
 
 // Runs `work` at the boundary to the host: what it returns goes out, C++ exceptions become the null result
@@ -54,9 +63,9 @@ Result guarded(Work&& work, Result failure) noexcept {
     } catch (const PythonError&) {
         return failure;
     } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-        return failure;
     }
+    python(PyErr_NoMemory);
+    return failure;
 }
 
 }  // namespace jdb

@@ -69,7 +69,7 @@ void convert(const Parameter& parameter, Ref& argument) {
             raise(PyExc_TypeError, "Argument '%.200U' has incorrect type (expected %.200s, got %.200s)", parameter.name,
                   "int", Py_TYPE(value)->tp_name);
         }
-        argument = Ref::steal(PyNumber_Long(value));
+        argument = Ref::steal(python(PyNumber_Long, value));
     }
 }
 

@@ -31,7 +31,7 @@ class RecursionGuard {
 public:
     RecursionGuard() {
         // A refusal leaves nothing to be undone, and is not negative.
-        if (Py_EnterRecursiveCall(" while calling a Python object") != 0) throw PythonError{};
+        if (python(Py_EnterRecursiveCall, " while calling a Python object") != 0) throw PythonError{};
     }
     ~RecursionGuard() { Py_LeaveRecursiveCall(); }
     RecursionGuard(const RecursionGuard&) = delete;

@@ -21,7 +21,7 @@ public:
         for (PyObject* argument : positional) add(argument);
         positional_ = count_;
         if (keywords.size() == 0) return;
-        names_ = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())));
+        names_ = Ref::steal(python(PyTuple_New, static_cast<Py_ssize_t>(keywords.size())));
         PyObject* names = names_;
         for (const Keyword& keyword : keywords) {
             PyTuple_SET_ITEM(names, static_cast<Py_ssize_t>(count_ - positional_), Ref::borrow(keyword.name).release());
@@ -43,17 +43,17 @@ private:
 };
 
 bool compare(PyObject* left, PyObject* right, int operation) {
-    const Ref result = Ref::steal(PyObject_RichCompare(left, right, operation));
+    const Ref result = Ref::steal(python(PyObject_RichCompare, left, right, operation));
     return truth(result);
 }
 
 }  // namespace
 
-Ref get_item(PyObject* container, PyObject* key) { return Ref::steal(PyObject_GetItem(container, key)); }
+Ref get_item(PyObject* container, PyObject* key) { return Ref::steal(python(PyObject_GetItem, container, key)); }
 
 Ref get_item(PyObject* sequence, Py_ssize_t position) {
     if (PyList_CheckExact(sequence)) {
-        PyObject* item = PyList_GetItem(sequence, position);
+        PyObject* item = python(PyList_GetItem, sequence, position);
         if (item == nullptr) throw PythonError{};
         return Ref::borrow(item);
     }
@@ -62,7 +62,7 @@ Ref get_item(PyObject* sequence, Py_ssize_t position) {
 }
 
 Ref find_item(PyObject* dict, PyObject* key) {
-    PyObject* item = PyDict_GetItemWithError(dict, key);
+    PyObject* item = python(PyDict_GetItemWithError, dict, key);
     if (item != nullptr) return Ref::borrow(item);
     if (PyErr_Occurred() != nullptr) throw PythonError{};
     return {};
@@ -78,7 +78,7 @@ Ref item_if_key(PyObject* container, PyObject* key) {
 }
 
 Ref set_default(PyObject* dict, PyObject* key, PyObject* value) {
-    PyObject* item = PyDict_SetDefault(dict, key, value);
+    PyObject* item = python(PyDict_SetDefault, dict, key, value);
     if (item == nullptr) throw PythonError{};
     return Ref::borrow(item);
 }
@@ -100,7 +100,7 @@ bool unequal(PyObject* left, PyObject* right) { return compare(left, right, Py_N
 
 Ref format(PyObject* object) {
     if (PyUnicode_CheckExact(object)) return Ref::borrow(object);
-    return Ref::steal(PyObject_Format(object, nullptr));
+    return Ref::steal(python(PyObject_Format, object, nullptr));
 }
 
 void append(PyObject* list, PyObject* item) {
@@ -113,25 +113,27 @@ void append(PyObject* list, PyObject* item) {
 
 Ref call(PyObject* callable, std::initializer_list<PyObject*> positional, std::initializer_list<Keyword> keywords) {
     const CallArguments arguments(nullptr, positional, keywords);
-    return Ref::steal(PyObject_Vectorcall(callable, arguments.values(), arguments.flagged_count(), arguments.names()));
+    return Ref::steal(
+        python(PyObject_Vectorcall, callable, arguments.values(), arguments.flagged_count(), arguments.names()));
 }
 
 Ref call_method(PyObject* object, PyObject* name, std::initializer_list<PyObject*> positional,
                 std::initializer_list<Keyword> keywords) {
     const CallArguments arguments(object, positional, keywords);
     return Ref::steal(
-        PyObject_VectorcallMethod(name, arguments.values(), arguments.flagged_count(), arguments.names()));
+        python(PyObject_VectorcallMethod, name, arguments.values(), arguments.flagged_count(), arguments.names()));
 }
 
 Ref new_list(PyObject* item) {
-    Ref list = Ref::steal(PyList_New(1));
+    Ref list = Ref::steal(python(PyList_New, 1));
     PyList_SET_ITEM(static_cast<PyObject*>(list), 0, Ref::borrow(item).release());
     return list;
 }
 
 Iteration::Iteration(PyObject* iterable)
-    : source_(PyList_CheckExact(iterable) || PyTuple_CheckExact(iterable) ? Ref::borrow(iterable)
-                                                                          : Ref::steal(PyObject_GetIter(iterable))) {}
+    : source_(PyList_CheckExact(iterable) || PyTuple_CheckExact(iterable)
+                  ? Ref::borrow(iterable)
+                  : Ref::steal(python(PyObject_GetIter, iterable))) {}
 
 Ref Iteration::next() {
     signals_.step();
@@ -144,7 +146,7 @@ Ref Iteration::next() {
         if (position_ >= PyTuple_GET_SIZE(source)) return {};
         return Ref::borrow(PyTuple_GET_ITEM(source, position_++));
     }
-    PyObject* item = PyIter_Next(source);
+    PyObject* item = python(PyIter_Next, source);
     if (item != nullptr) return Ref::steal(item);
     if (PyErr_Occurred() != nullptr) throw PythonError{};
     return {};

@@ -17,10 +17,10 @@ struct Keyword {
 };
 
 inline Ref get_attribute(PyObject* object, PyObject* name) {  // object.name
-    return Ref::steal(PyObject_GetAttr(object, name));
+    return Ref::steal(python(PyObject_GetAttr, object, name));
 }
 inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {  // object.name = value
-    check(PyObject_SetAttr(object, name, value));
+    check(python(PyObject_SetAttr, object, name, value));
 }
 Ref get_item(PyObject* container, PyObject* key);       // container[key]
 Ref get_item(PyObject* sequence, Py_ssize_t position);  // sequence[position], not negative
@@ -31,38 +31,41 @@ Ref set_default(PyObject* dict, PyObject* key, PyObject* value);             // 
 Ref get(PyObject* mapping, PyObject* key);                                   // mapping.get(key)
 Ref get(PyObject* mapping, PyObject* key, PyObject* fallback);               // mapping.get(key, fallback)
 inline void set_item(PyObject* container, PyObject* key, PyObject* value) {  // container[key] = value
-    check(PyObject_SetItem(container, key, value));
+    check(python(PyObject_SetItem, container, key, value));
 }
 inline bool contains(PyObject* container, PyObject* item) {  // item in container
-    return check(PySequence_Contains(container, item)) != 0;
+    return check(python(PySequence_Contains, container, item)) != 0;
 }
 inline bool truth(PyObject* object) {  // bool(object)
-    return check(PyObject_IsTrue(object)) != 0;
+    return check(python(PyObject_IsTrue, object)) != 0;
 }
 bool equal(PyObject* left, PyObject* right);    // bool(left == right); an object need not equal itself
 bool unequal(PyObject* left, PyObject* right);  // bool(left != right)
 inline Py_ssize_t length(PyObject* object) {    // len(object)
-    const Py_ssize_t size = PyObject_Size(object);
+    const Py_ssize_t size = python(PyObject_Size, object);
     if (size < 0) throw PythonError{};
     return size;
 }
 inline Ref text_of(PyObject* object) {  // str(object)
-    return Ref::steal(PyObject_Str(object));
+    return Ref::steal(python(PyObject_Str, object));
 }
 Ref format(PyObject* object);                 // format(object), a string as it stands
 void append(PyObject* list, PyObject* item);  // list.append(item)
 inline Ref integer(Py_ssize_t value) { return Ref::steal(PyLong_FromSsize_t(value)); }
 inline Ref new_text(std::string_view utf8) {
-    return Ref::steal(PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr));
+    return Ref::steal(python(PyUnicode_DecodeUTF8, utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr));
 }
-inline Ref new_list() { return Ref::steal(PyList_New(0)); }
+inline Ref new_list() { return Ref::steal(python(PyList_New, 0)); }
 Ref new_list(PyObject* item);  // [item]
-inline Ref new_dict() { return Ref::steal(PyDict_New()); }
+inline Ref new_dict() { return Ref::steal(python(PyDict_New)); }
 
 // callable(*positional, **keywords), and object.name(...) by the host's method look-up.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> positional, std::initializer_list<Keyword> keywords = {});
 Ref call_method(PyObject* object, PyObject* name, std::initializer_list<PyObject*> positional = {},
                 std::initializer_list<Keyword> keywords = {});
+
+// Runs the handlers of pending signals, and raises what they raise.
+inline void check_signals() { check(python(PyErr_CheckSignals)); }
 
 // Asks for pending signals once in so many steps of a long walk, their handlers being host code, and raises what they
 // raise: an interrupt from the keyboard is not to wait for the end.
@@ -71,7 +74,7 @@ public:
     static constexpr Py_ssize_t kSteps = 4096;
 
     void step() {
-        if (++steps_ % kSteps == 0) check(PyErr_CheckSignals());
+        if (++steps_ % kSteps == 0) check_signals();
     }
 
 private:

@@ -8,6 +8,11 @@
 
 namespace jdb {
 
+// Drops an owned reference, if there is one.
+inline void drop(PyObject* object) {
+    if (object != nullptr) python([object] { Py_DECREF(object); });
+}
+
 class Ref {
 public:
     Ref() noexcept = default;
@@ -17,7 +22,7 @@ public:
         std::swap(object_, other.object_);
         return *this;
     }
-    ~Ref() { Py_XDECREF(object_); }
+    ~Ref() { drop(object_); }
 
     // Takes over the new reference that a call returned; throws when the call failed.
     static Ref steal(PyObject* object) {

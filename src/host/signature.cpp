@@ -97,7 +97,7 @@ Ref constant(std::string_view literal) {
     return integer(value);
 }
 
-Ref new_tuple(std::size_t size) { return Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(size))); }
+Ref new_tuple(std::size_t size) { return Ref::steal(python(PyTuple_New, static_cast<Py_ssize_t>(size))); }
 
 void fill(PyObject* tuple, std::size_t position, Ref item) {
     PyTuple_SET_ITEM(tuple, static_cast<Py_ssize_t>(position), item.release());

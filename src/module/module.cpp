@@ -38,7 +38,7 @@ Ref create_module(PyObject* spec) {
     check_owner();
     if (module_state.module == nullptr) {
         const Ref name = get_attribute(spec, names::name);
-        module_state.module = Ref::steal(PyModule_NewObject(name)).release();
+        module_state.module = Ref::steal(python(PyModule_NewObject, name)).release();
     }
     return Ref::borrow(module_state.module);
 }
@@ -53,15 +53,15 @@ void check_version(PyObject* module) {
     const int major = static_cast<int>(version >> 24U);
     const int minor = static_cast<int>((version >> 16U) & 0xFFU);
     if (major == PY_MAJOR_VERSION && minor == PY_MINOR_VERSION) return;
-    const Ref name = Ref::steal(PyModule_GetNameObject(module));
-    check(PyErr_WarnFormat(
-        PyExc_RuntimeWarning, 1, "compile time Python version %d.%d of module '%.100U' %s runtime version %d.%d",
-        PY_MAJOR_VERSION, PY_MINOR_VERSION, static_cast<PyObject*>(name), "does not match", major, minor));
+    const Ref name = Ref::steal(python(PyModule_GetNameObject, module));
+    check(python(PyErr_WarnFormat, PyExc_RuntimeWarning, 1,
+                 "compile time Python version %d.%d of module '%.100U' %s runtime version %d.%d", PY_MAJOR_VERSION,
+                 PY_MINOR_VERSION, static_cast<PyObject*>(name), "does not match", major, minor));
 }
 
-Ref import(const char* name) { return Ref::steal(PyImport_ImportModule(name)); }
+Ref import(const char* name) { return Ref::steal(python(PyImport_ImportModule, name)); }
 
-void bind(const char* name, PyObject* value) { check(PyDict_SetItemString(module_state.globals, name, value)); }
+void bind(const char* name, PyObject* value) { check(python(PyDict_SetItemString, module_state.globals, name, value)); }
 
 // `import name`; the module.
 Ref bind_module(const char* name) {
@@ -80,14 +80,14 @@ struct Source {
 
 // `from source import name`. Where the module has no such name, the statement itself looks on and finds the words.
 Ref take(const Source& source, const char* name) {
-    PyObject* found = PyObject_GetAttrString(source.module, name);
+    PyObject* found = python(PyObject_GetAttrString, source.module, name);
     if (found != nullptr) return Ref::steal(found);
     if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
-    PyErr_Clear();
+    python(PyErr_Clear);
     const std::string statement = std::string("from ") + source.name + " import " + name;
     const Ref names = new_dict();
-    Ref::steal(PyRun_String(statement.c_str(), Py_file_input, names, names));
-    return Ref::steal(PyMapping_GetItemString(names, name));
+    Ref::steal(python(PyRun_String, statement.c_str(), Py_file_input, names, names));
+    return Ref::steal(python(PyMapping_GetItemString, names, name));
 }
 
 // The same, bound in the module's namespace.
@@ -97,10 +97,7 @@ Ref bind_from(const Source& source, const char* name) {
     return value;
 }
 
-void replace(PyObject*& slot, Ref value) {
-    PyObject* old = std::exchange(slot, value.release());
-    Py_XDECREF(old);
-}
+void replace(PyObject*& slot, Ref value) { drop(std::exchange(slot, value.release())); }
 
 void bind_for_good(PyObject* module) {
     const Source io("io");
@@ -109,7 +106,7 @@ void bind_for_good(PyObject* module) {
     replace(module_state.module, Ref::borrow(module));
     replace(module_state.globals, Ref::borrow(PyModule_GetDict(module)));
     replace(module_state.builtins, Ref::borrow(builtins));
-    replace(module_state.print, Ref::steal(PyMapping_GetItemString(builtins, "print")));
+    replace(module_state.print, Ref::steal(python(PyMapping_GetItemString, builtins, "print")));
     replace(module_state.open, take(io, "open"));
     replace(module_state.string_io, take(io, "StringIO"));
     replace(module_state.buffered_reader, take(io, "BufferedReader"));
@@ -166,16 +163,15 @@ void initialise(PyObject* module) {
         raise(PyExc_RuntimeError,
               "Module 'json_database' has already been imported. Re-initialisation is not supported.");
     }
-    try {
+    initialised = succeeds([&] {
         check_version(module);
         bind_for_good(module);
         bind_names();
-    } catch (const PythonError&) {
-        const SavedError error;
-        Py_CLEAR(module_state.module);
-        throw;
-    }
-    initialised = true;
+    });
+    if (initialised) return;
+    const SavedError error;
+    replace(module_state.module, {});
+    throw PythonError{};
 }
 
 // ---- What the host calls ----

@@ -38,20 +38,20 @@ Ref make_record(const char* name, std::span<const Field> fields, PyObject* globa
     const Ref attributes = new_dict();
     const Ref annotations = new_dict();
     const Ref class_name = new_text(name);
-    const Ref module_name = Ref::steal(PyMapping_GetItemString(globals, "__name__"));
-    check(PyDict_SetItemString(attributes, "__module__", module_name));
-    check(PyDict_SetItemString(attributes, "__qualname__", class_name));
-    check(PyDict_SetItemString(attributes, "__annotations__", annotations));
+    const Ref module_name = Ref::steal(python(PyMapping_GetItemString, globals, "__name__"));
+    check(python(PyDict_SetItemString, attributes, "__module__", module_name));
+    check(python(PyDict_SetItemString, attributes, "__qualname__", class_name));
+    check(python(PyDict_SetItemString, attributes, "__annotations__", annotations));
     for (const Field& field : fields) {
         const Ref declared_type = new_text(field.declared_type);
-        check(PyDict_SetItemString(annotations, field.name, declared_type));
-        if (field.default_value) check(PyDict_SetItemString(attributes, field.name, field.default_value));
+        check(python(PyDict_SetItemString, annotations, field.name, declared_type));
+        if (field.default_value) check(python(PyDict_SetItemString, attributes, field.name, field.default_value));
     }
-    const Ref bases = Ref::steal(PyTuple_New(0));
+    const Ref bases = Ref::steal(python(PyTuple_New, 0));
     auto* metaclass = reinterpret_cast<PyObject*>(&PyType_Type);
     const Ref plain_class = call(metaclass, {class_name, bases, attributes});
     const Ref text = documentation(name, fields);
-    check(PyObject_SetAttrString(plain_class, "__doc__", text));
+    check(python(PyObject_SetAttrString, plain_class, "__doc__", text));
     return call(dataclass, {plain_class});
 }
 
