@@ -46,22 +46,25 @@ void* shared_look_up() {
 
 }  // namespace
 
-Ref make_shared_dict(std::span<PyObject* const> keys) {
+Ref make_shared_dict(PyObject* keys) {
+    const Py_ssize_t count = PyTuple_GET_SIZE(keys);
     Ref dict = new_dict();
-    for (PyObject* key : keys) {
-        assert(PyUnicode_CheckExact(key));
-        set_item(dict, key, Py_None);
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        assert(PyUnicode_CheckExact(PyTuple_GET_ITEM(keys, i)));
+        set_item(dict, PyTuple_GET_ITEM(keys, i), Py_None);
     }
     DictKeys* table = dict_keys(dict);
-    const auto count = static_cast<Py_ssize_t>(keys.size());
     const bool as_expected = table->references == 1 && table->entry_count == count && dict_values(dict) == nullptr;
-    if (keys.empty() || !as_expected || shared_look_up() == nullptr) return {};
+    if (count == 0 || !as_expected || shared_look_up() == nullptr) return {};
 
     auto* values = static_cast<PyObject**>(PyMem_Calloc(most_entries(table), sizeof(PyObject*)));
-    if (values == nullptr) throw std::bad_alloc();
+    if (values == nullptr) {
+        PyErr_NoMemory();
+        throw PythonError{};
+    }
     Entry* const entries = entries_of(table);
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        assert(entries[i].key == keys[i] && entries[i].value == Py_None);
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        assert(entries[i].key == PyTuple_GET_ITEM(keys, i) && entries[i].value == Py_None);
         values[i] = std::exchange(entries[i].value, nullptr);
     }
     table->look_up = shared_look_up();

@@ -2,16 +2,15 @@
 // look at a key.
 #pragma once
 
-#include <span>
-
 #include "cpython310/dict_layout.h"
 #include "host/ref.h"
 
 namespace jdb {
 
-// A dictionary with these keys, all different, whose copies share its table of keys; the values are None. An empty Ref
-// where there is no key, or where the interpreter lays its dictionaries out otherwise than expected.
-Ref make_shared_dict(std::span<PyObject* const> keys);
+// A dictionary with the keys of a tuple, exactly strings and all different, whose copies share its table of keys; the
+// values are None. An empty Ref where there is no key, or where the interpreter lays its dictionaries out otherwise
+// than expected.
+Ref make_shared_dict(PyObject* keys);
 
 // A copy of such a dictionary with other values: `value_at(i)`, borrowed, goes to the i-th key. Runs no Python code
 // while the collector is paused.

@@ -23,7 +23,7 @@ Ref names_of(PyObject* table) {
 void widen(PyObject* widths, PyObject* key, PyObject* text) {
     const Ref needed = integer(length(text));
     const Ref current = get_item(widths, key);
-    if (check(PyObject_RichCompareBool(needed, current, Py_GT)) != 0) set_item(widths, key, needed);
+    if (check(python(PyObject_RichCompareBool, needed, current, Py_GT)) != 0) set_item(widths, key, needed);
 }
 
 Ref measure(PyObject* columns, PyObject* rows) {
@@ -46,7 +46,7 @@ Ref measure(PyObject* columns, PyObject* rows) {
 
 Ref joined(PyObject* cells) {
     const Ref separator = new_text(" | ");
-    return Ref::steal(PyUnicode_Join(separator, cells));
+    return Ref::steal(python(PyUnicode_Join, separator, cells));
 }
 
 Ref padded(PyObject* text, PyObject* widths, PyObject* name) {
@@ -99,7 +99,7 @@ Ref display_table(PyObject* self, PyObject* table_name, PyObject* limit) {
     const Ref heading = Ref::steal(PyUnicode_FromFormat("\n%U", static_cast<PyObject*>(header)));
     print(heading);
     const Ref hyphen = new_text("-");
-    const Ref rule = Ref::steal(PySequence_Repeat(hyphen, length(header)));
+    const Ref rule = Ref::steal(python(PySequence_Repeat, hyphen, length(header)));
     print(rule);
     for (const Ref& row : Iteration(rows)) {
         const Ref line = row_line(row, columns, widths);

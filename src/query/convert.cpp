@@ -107,7 +107,7 @@ Ref row_to_dict(PyObject* /*self*/, PyObject* table, PyObject* row, PyObject* co
 }
 
 Ref project_row(PyObject* /*self*/, PyObject* row_dict, PyObject* columns) {
-    if (columns == Py_None) return Ref::steal(PyDict_Copy(row_dict));
+    if (columns == Py_None) return Ref::steal(python(PyDict_Copy, row_dict));
     Ref projected = new_dict();
     for (const Ref& name : Iteration(columns)) {
         const Ref value = find_item(row_dict, name);
@@ -124,7 +124,7 @@ Ref dict_to_row_id(PyObject* /*self*/, PyObject* table, PyObject* data) {
     if (listed) return listed;
 
     std::vector<Wanted> entries;
-    const Ref items = Ref::steal(PyDict_Items(data));
+    const Ref items = Ref::steal(python(PyDict_Items, data));
     for (const Ref& item : Iteration(items)) {
         entries.push_back({get_item(item, Py_ssize_t{0}), get_item(item, Py_ssize_t{1}), {}});
     }

@@ -28,7 +28,7 @@ Ref cut(const Ref& results, PyObject* limit) {
     if (!is_limited(limit)) return results;
     Py_ssize_t end = clamped(limit);
     if (end < 0) end += length(results);
-    return Ref::steal(PyList_GetSlice(results, 0, end));
+    return Ref::steal(python(PyList_GetSlice, results, 0, end));
 }
 
 // Whether self._row_to_dict may be called directly: nobody has redefined it, and the boundary before it would let the
@@ -62,7 +62,7 @@ Ref select_listed(PyObject* self, PyObject* table, PyObject* index, PyObject* va
 
 bool holds(PyObject* row_dict, PyObject* conditions) {
     if (conditions == Py_None) return true;
-    const Ref items = Ref::steal(PyDict_Items(conditions));
+    const Ref items = Ref::steal(python(PyDict_Items, conditions));
     for (const Ref& item : Iteration(items)) {
         const Ref name = get_item(item, Py_ssize_t{0});
         const Ref value = get_item(item, Py_ssize_t{1});

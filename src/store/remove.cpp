@@ -41,7 +41,7 @@ Ref clear_table(PyObject* self, PyObject* table_name) {
     for (Py_ssize_t i = 0; i < count; ++i) {
         const Ref row_id = integer(i);
         remove_row(table, row_id);
-        check(PyErr_CheckSignals());
+        check_signals();
     }
     call_method(self, names::save);
     return Ref::boolean(true);

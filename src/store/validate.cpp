@@ -18,7 +18,7 @@ bool is_keyword(PyObject* data_type, Name& keyword) { return equal(data_type, ke
 
 Ref to_number(PyObject* value) {
     const Ref text = text_of(value);
-    return Ref::steal(contains(text, names::point) ? PyNumber_Float(value) : PyNumber_Long(value));
+    return Ref::steal(python(contains(text, names::point) ? PyNumber_Float : PyNumber_Long, value));
 }
 
 Ref to_date(PyObject* text) {
@@ -36,16 +36,16 @@ Ref convert(PyObject* data_type, PyObject* value) {
 
 Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
     const Ref data_type = get_attribute(column, names::data_type);
-    try {
-        return convert(data_type, value);
-    } catch (const PythonError&) {
-        if (PyErr_ExceptionMatches(PyExc_ValueError) == 0 && PyErr_ExceptionMatches(PyExc_TypeError) == 0) throw;
-        const HandledError cause;
-        const Ref type_text = format(data_type);
-        const Ref name_text = format(column_name);
-        raise(PyExc_ValueError, "Invalid %U value for column '%U'", static_cast<PyObject*>(type_text),
-              static_cast<PyObject*>(name_text));
+    Ref coerced;
+    if (succeeds([&] { coerced = convert(data_type, value); })) return coerced;
+    if (PyErr_ExceptionMatches(PyExc_ValueError) == 0 && PyErr_ExceptionMatches(PyExc_TypeError) == 0) {
+        throw PythonError{};
     }
+    const HandledError cause;
+    const Ref type_text = format(data_type);
+    const Ref name_text = format(column_name);
+    raise(PyExc_ValueError, "Invalid %U value for column '%U'", static_cast<PyObject*>(type_text),
+          static_cast<PyObject*>(name_text));
 }
 
 // Raises ValueError with the column's name between the two pieces.

@@ -19,9 +19,9 @@ struct IndexedColumn {
 };
 
 bool is_hashable(PyObject* value) {
-    if (PyObject_Hash(value) != -1) return true;
+    if (python(PyObject_Hash, value) != -1) return true;
     if (PyErr_ExceptionMatches(PyExc_TypeError) == 0) throw PythonError{};
-    PyErr_Clear();
+    python(PyErr_Clear);
     return false;
 }
 
@@ -140,7 +140,7 @@ Ref settle_indexes(PyObject* table) {
         current = rebuild(table, marked);
         set_attribute(table, names::indexes, current);
     }
-    if (contains(dict, names::indexes_to_rebuild)) check(PyDict_DelItem(dict, names::indexes_to_rebuild));
+    if (contains(dict, names::indexes_to_rebuild)) check(python(PyDict_DelItem, dict, names::indexes_to_rebuild));
     return current;
 }
 

@@ -28,7 +28,7 @@ Ref forget_at_death(PyObject* table) {
     const Ref callback = Ref::steal(PyCFunction_New(&definition, address));
     PyObject* reference = PyWeakref_NewRef(table, callback);
     if (reference == nullptr && PyErr_ExceptionMatches(PyExc_TypeError) != 0) {
-        PyErr_Clear();
+        python(PyErr_Clear);
         return {};
     }
     return Ref::steal(reference);

@@ -21,7 +21,7 @@ int changes_under_way = 0;
 Py_ssize_t find_id(PyObject* ids, PyObject* row_id) {
     Py_ssize_t position = 0;
     for (const Ref& id : Iteration(ids)) {
-        if (check(PyObject_RichCompareBool(id, row_id, Py_EQ)) != 0) return position;
+        if (check(python(PyObject_RichCompareBool, id, row_id, Py_EQ)) != 0) return position;
         ++position;
     }
     return -1;
@@ -29,7 +29,7 @@ Py_ssize_t find_id(PyObject* ids, PyObject* row_id) {
 
 void remove_at(PyObject* ids, Py_ssize_t position, PyObject* row_id) {
     if (PyList_CheckExact(ids)) {
-        check(PySequence_DelItem(ids, position));
+        check(python(PySequence_DelItem, ids, position));
     } else {
         call_method(ids, names::remove, {row_id});
     }
@@ -75,10 +75,10 @@ void take_off(PyObject* rows, PyObject* row) {
     const Py_ssize_t position = find_last(rows, row);
     if (position < 0) return;
     if (position == length(rows) - 1) {
-        check(PySequence_DelItem(rows, position));
+        check(python(PySequence_DelItem, rows, position));
     } else {
         const Ref tombstone = make_tombstone(row);
-        check(PySequence_SetItem(rows, position, tombstone));
+        check(python(PySequence_SetItem, rows, position, tombstone));
     }
 }
 
@@ -102,26 +102,23 @@ RowChange::~RowChange() {
     if (!steps_.empty()) undo();
     --changes_under_way;
     if (agrees_) return;
-    try {
-        mark_indexes(table_);
-    } catch (const PythonError&) {
-        PyErr_Clear();
-        late_marks().push_back(table_);
-    }
+    if (succeeds([&] { mark_indexes(table_); })) return;
+    python(PyErr_Clear);
+    late_marks().push_back(table_);
 }
 
 // Whether the row is in the place of the id, and the table's indexes are those that the change began with: then nobody
 // else has worked on the row meanwhile.
 bool RowChange::agrees(PyObject* row) const noexcept {
-    try {
+    bool agrees = false;
+    const auto compare = [&] {
         const Ref rows = get_attribute(table_, names::rows);
         const Ref found = get_item(rows, row_id_);
         const Ref indexes = get_attribute(table_, names::indexes);
-        return found == row && indexes == indexes_;
-    } catch (const PythonError&) {
-        PyErr_Clear();  // no such row any more
-        return false;
-    }
+        agrees = found == row && indexes == indexes_;
+    };
+    if (!succeeds(compare)) python(PyErr_Clear);  // no such row any more
+    return agrees;
 }
 
 RowChange::Step& RowChange::begin(Ref container, Ref key, Ref item) {
@@ -142,7 +139,7 @@ void RowChange::withdraw(PyObject* row) {
         remove_at(ids, position, row_id_);
         step.done = Done::withdrawn;
         if (length(ids) != 0) return;
-        check(PyObject_DelItem(index, value));
+        check(python(PyObject_DelItem, index, value));
         step.done = Done::dropped;
     });
 }
@@ -193,12 +190,9 @@ void RowChange::undo() noexcept {
         const bool was_withdrawn = step.done == Done::withdrawn || step.done == Done::dropped;
         if (was_withdrawn && agrees_) agrees_ = agrees(old_row_);
         if (was_withdrawn && !agrees_) continue;
-        try {
-            undo_step(step);
-        } catch (const PythonError&) {
-            PyErr_Clear();  // the error that led here goes on; this one is made up for by the rebuild
-            agrees_ = false;
-        }
+        if (succeeds([&] { undo_step(step); })) continue;
+        python(PyErr_Clear);  // the error that led here goes on; this one is made up for by the rebuild
+        agrees_ = false;
     }
 }
 
@@ -226,7 +220,7 @@ void RowChange::undo_step(const Step& step) const {
             if (position >= 0) remove_at(ids, position, row_id_);
             if (step.done == Done::listed || length(ids) != 0) break;
             const Ref current = item_if_key(step.container, step.key);
-            if (current == ids) check(PyObject_DelItem(step.container, step.key));
+            if (current == ids) check(python(PyObject_DelItem, step.container, step.key));
             break;
         }
     }

@@ -16,26 +16,22 @@ constexpr Py_ssize_t kMaxShared = 256;    // sets of columns; past that all are 
 // The dictionary for these keys whose table of keys is shared, known from before or made now. An empty Ref where there
 // is none: then the dictionaries are made one by one, which the caller need not hear of.
 Ref shared_dict(const std::vector<RowDicts::Entry>& entries) {
-    static PyObject* const known = PyDict_New();  // tuple of keys: dictionary
-    try {
-        std::vector<PyObject*> keys;
-        const Ref names = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(entries.size())));
+    Ref shared;
+    const auto find_or_make = [&] {
+        static PyObject* const known = new_dict().release();  // tuple of keys: dictionary
+        const Ref keys = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(entries.size())));
+        Py_ssize_t count = 0;
         for (const RowDicts::Entry& entry : entries) {
-            PyTuple_SET_ITEM(static_cast<PyObject*>(names), static_cast<Py_ssize_t>(keys.size()),
-                             Ref(entry.key).release());
-            keys.push_back(entry.key);
+            PyTuple_SET_ITEM(static_cast<PyObject*>(keys), count++, Ref(entry.key).release());
         }
-        Ref shared = find_item(known, names);
-        if (shared) return shared;
+        shared = find_item(known, keys);
+        if (shared) return;
         shared = make_shared_dict(keys);
         if (PyDict_GET_SIZE(known) >= kMaxShared) PyDict_Clear(known);
-        if (shared) set_item(known, names, shared);
-        return shared;
-    } catch (const PythonError&) {
-        PyErr_Clear();  // only for want of memory
-    } catch (const std::bad_alloc&) {
-    }
-    return {};
+        if (shared) set_item(known, keys, shared);
+    };
+    if (!succeeds(find_or_make)) python(PyErr_Clear);  // there was no memory for it
+    return shared;
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ Ref make_row(PyObject* table, PyObject* values) {
 
 Ref make_tombstone(PyObject* columns) {
     const Py_ssize_t size = length(columns);
-    Ref row = Ref::steal(PyList_New(size));
+    Ref row = Ref::steal(python(PyList_New, size));
     for (Py_ssize_t i = 0; i < size; ++i) {
         PyList_SET_ITEM(static_cast<PyObject*>(row), i, Ref::none().release());
     }

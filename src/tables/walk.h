@@ -62,7 +62,7 @@ void walk_rows(PyObject* rows, Skip skip, Look look) {
             const Ref row = Ref::borrow(PyList_GET_ITEM(rows, id));
             if (look(row, id++)) return;
         }
-        check(PyErr_CheckSignals());
+        check_signals();
     }
 }
 
