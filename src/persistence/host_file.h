@@ -11,16 +11,14 @@ template <class Use>
 void with_file(PyObject* file, Use use) {
     const Ref exit = get_attribute(file, names::exit);
     const Ref entered = call_method(file, names::enter);
-    try {
-        use(entered);
-    } catch (const PythonError&) {
-        HandledError error;
-        PyObject* traceback = error.traceback() == nullptr ? Py_None : error.traceback();
-        const Ref suppressed = call(exit, {error.type(), error.value(), traceback});
-        if (truth(suppressed)) return;
-        error.reraise();
+    if (succeeds([&] { use(entered); })) {
+        call(exit, {Py_None, Py_None, Py_None});
+        return;
     }
-    call(exit, {Py_None, Py_None, Py_None});
+    HandledError error;
+    PyObject* traceback = error.traceback() == nullptr ? Py_None : error.traceback();
+    const Ref suppressed = call(exit, {error.type(), error.value(), traceback});
+    if (!truth(suppressed)) error.reraise();
 }
 
 }  // namespace jdb::persistence

@@ -25,9 +25,9 @@ constexpr int kIndexDepth = 4;
 
 // An empty Ref when it is not valid UTF-8.
 Ref decode(std::string_view utf8) {
-    PyObject* text = PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr);
+    PyObject* text = python(PyUnicode_DecodeUTF8, utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr);
     if (text == nullptr && PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) != 0) {
-        PyErr_Clear();
+        python(PyErr_Clear);
         return {};
     }
     return Ref::steal(text);
@@ -152,7 +152,7 @@ class Waiting {
 public:
     Waiting() = default;
     ~Waiting() {
-        for (PyObject* object : objects_) Py_DECREF(object);
+        for (PyObject* object : objects_) drop(object);
     }
     Waiting(const Waiting&) = delete;
     Waiting& operator=(const Waiting&) = delete;
@@ -165,7 +165,7 @@ public:
     // A list of those from `first` on, which wait no longer.
     Ref pop_list(std::size_t first) {
         const std::size_t count = objects_.size() - first;
-        Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(count)));
+        Ref list = Ref::steal(python(PyList_New, static_cast<Py_ssize_t>(count)));
         PyObject* object = list;
         for (std::size_t i = 0; i < count; ++i)
             PyList_SET_ITEM(object, static_cast<Py_ssize_t>(i), objects_[first + i]);
@@ -264,7 +264,7 @@ private:
             if (!take(':')) return {};
             const Ref value = read_value(depth + 1, kColumns);
             if (!value) return {};
-            check(PyDict_SetItem(dict, key, value));
+            check(python(PyDict_SetItem, dict, key, value));
             skip_space();
         } while (take(','));
         return take('}') ? dict : Ref{};
@@ -414,9 +414,9 @@ private:
             return Ref::steal(PyLong_FromLongLong(negative ? -value : value));
         }
         const std::string text(start, at_);
-        PyObject* number = PyLong_FromString(text.c_str(), nullptr, 10);
+        PyObject* number = python(PyLong_FromString, text.c_str(), nullptr, 10);
         if (number == nullptr && PyErr_ExceptionMatches(PyExc_ValueError) != 0) {
-            PyErr_Clear();
+            python(PyErr_Clear);
             return {};
         }
         return Ref::steal(number);

@@ -142,10 +142,10 @@ bool write_string(PyObject* string, TextBuffer& text) {
         return true;
     }
     // The host limits how many digits it converts; its error is json.dump's to raise.
-    PyObject* converted = PyLong_Type.tp_repr(number);
+    PyObject* converted = python(PyLong_Type.tp_repr, number);
     if (converted == nullptr) {
         if (PyErr_ExceptionMatches(PyExc_ValueError) == 0) throw PythonError{};
-        PyErr_Clear();
+        python(PyErr_Clear);
         return false;
     }
     const Ref digits = Ref::steal(converted);

@@ -112,14 +112,14 @@ Ref read_bytes(PyObject* file) {
     Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, status.st_size));
     char* const start = PyBytes_AS_STRING(static_cast<PyObject*>(bytes));
     prefer_huge_pages(start, static_cast<std::size_t>(status.st_size));
-    const Ref room = Ref::steal(PyMemoryView_FromMemory(start, status.st_size, PyBUF_WRITE));
+    const Ref room = Ref::steal(python(PyMemoryView_FromMemory, start, status.st_size, PyBUF_WRITE));
     const Ref count = call_method(file, names::readinto, {room});
     const Py_ssize_t got = PyLong_AsSsize_t(count);
     if (got < 0) throw PythonError{};
     const Ref rest = read();
     if (got == status.st_size && length(rest) == 0) return bytes;
     const Ref begun = Ref::steal(PyBytes_FromStringAndSize(start, got));
-    return Ref::steal(PySequence_Concat(begun, rest));  // its size changed meanwhile
+    return Ref::steal(python(PySequence_Concat, begun, rest));  // its size changed meanwhile
 }
 
 void read_file(PyObject* self) {
@@ -148,17 +148,13 @@ Ref load(PyObject* self) {
     const Ref path = get_attribute(os, names::path);
     const Ref exists = call_method(path, names::exists, {filename});
     if (!truth(exists)) return Ref::none();
-    try {
-        read_file(self);
-    } catch (const PythonError&) {
-        if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
-        HandledError error;
-        const Ref text = text_of(error.value());
-        const Ref report = Ref::steal(PyUnicode_FromFormat("Error loading database: %U", static_cast<PyObject*>(text)));
-        call(module_state.print, {report});
-        error.reraise();
-    }
-    return Ref::none();
+    if (succeeds([&] { read_file(self); })) return Ref::none();
+    if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw PythonError{};
+    HandledError error;
+    const Ref text = text_of(error.value());
+    const Ref report = Ref::steal(PyUnicode_FromFormat("Error loading database: %U", static_cast<PyObject*>(text)));
+    call(module_state.print, {report});
+    error.reraise();
 }
 
 }  // namespace jdb::persistence

@@ -42,16 +42,14 @@ public:
     // A piece of text with more to come. False where the file can't be opened: the plain road then meets that error
     // again, behind any error of the document itself.
     bool take(std::string_view piece) {
-        check(PyErr_CheckSignals());
-        try {
-            open();
-        } catch (const PythonError&) {
-            if (PyErr_ExceptionMatches(PyExc_OSError) == 0) throw;
-            PyErr_Clear();
-            return false;
+        check_signals();
+        if (succeeds([&] { open(); })) {
+            put(piece);
+            return true;
         }
-        put(piece);
-        return true;
+        if (PyErr_ExceptionMatches(PyExc_OSError) == 0) throw PythonError{};
+        python(PyErr_Clear);
+        return false;
     }
 
     void finish(std::string_view rest) {
