@@ -133,13 +133,27 @@ def many_processes(cases, seconds):
 
 
 BEGIN = """
-    import atexit, gc, random, sys, threading, time
+    import atexit, gc, io, random, sys, threading, time
     from talvern_client.utils.json_database import Column, JSONDatatable
     db = JSONDatatable("database.json")
-    db.create_table("t", [Column(name, "t", False) for name in "kso"])
+    db.create_table("t", [Column(name, kind, False) for name, kind in dict(k="t", s="t", o="t", d="date").items()])
 """
 DAEMONS = """
-    db.tables["t"].rows += [[None, "x" * 100, {{}}] for _ in range(300)]
+    class Converting(JSONDatatable):
+        def _row_to_dict(self, *_):
+            return dict.fromkeys(range(20))
+    def refused(method, *arguments):
+        try:
+            method(*arguments)
+        except ValueError:
+            pass
+    class Output(io.StringIO):
+        def write(self, text):
+            return sum(range(20))
+    sys.stdout, broken = Output(), JSONDatatable("none")
+    open("broken.json", "w").close()
+    broken.filename = "broken.json"
+    db.tables["t"].rows += [[None, "x" * 100, {{}}, None] for _ in range(300)]
     sys.setswitchinterval(1e-5)
     def work():
         while True:
@@ -158,7 +172,54 @@ ENDINGS = [
     """,
     "atexit.register(db.insert, 't', {'k': 1})",
     "del sys.modules['talvern_client.utils.json_database'], JSONDatatable; gc.collect(); db.insert('t', {'k': 1})",
-    *map(DAEMONS.format, ("db.save()", "db.tables['t'].rows[0][2] = {1}; db.save()", "JSONDatatable('database.json')")),
+    """
+    atexit._run_exitfuncs()
+    inserting = threading.Thread(target=db.insert, args=('t', {'k': 1}), daemon=True)
+    inserting.start()
+    inserting.join(60)
+    """,
+    # Any other thread is ended while it waits for the interpreter: in Python code that a method calls, on the way into
+    # it or out of it, while it handles an error, or while the disk works.
+    *map(DAEMONS.format, (
+        "db.save()", "db.tables['t'].rows[0][2] = {1}; db.save()", "JSONDatatable('database.json')", "db.get_row('t', 0)",
+        "db.__class__ = Converting; db.select('t')", "db.insert('t', {'d': '2020-02-02'})", "refused(db.insert, 't', {'d': '2020-02-30'})",
+        "refused(broken.load)")),
+]
+# Each waits at its end for another thread that has not written everything yet, and whose import came later.
+QUEUES = [
+    """
+    import atexit, logging.handlers, queue
+    class Handler(logging.Handler):
+        db = None
+        def emit(self, record):
+            if self.db is None:
+                from talvern_client.utils.json_database import Column, JSONDatatable
+                self.db = JSONDatatable("database.json")
+                self.db.create_table("t", [Column("k", "number")])
+            self.db.insert("t", {"k": record.getMessage()})
+    records, log = queue.Queue(), logging.getLogger()
+    listener = logging.handlers.QueueListener(records, Handler())
+    log.addHandler(logging.handlers.QueueHandler(records))
+    listener.start()
+    atexit.register(listener.stop)
+    for number in range(60):
+        log.warning(number)
+    """,
+    """
+    import atexit, queue, threading
+    jobs = queue.Queue()
+    def work():
+        from talvern_client.utils.json_database import Column, JSONDatatable
+        db = JSONDatatable("database.json")
+        db.create_table("t", [Column("k", "number")])
+        while True:
+            db.insert("t", {"k": jobs.get()})
+            jobs.task_done()
+    atexit.register(jobs.join)
+    threading.Thread(target=work, daemon=True).start()
+    for number in range(60):
+        jobs.put(number)
+    """,
 ]
 
 
@@ -174,11 +235,18 @@ class Company(FaultTest):
 
     def test_exit(self):
         for ending in ENDINGS:
-            for _ in range((20 if LONG else 2) if "daemon" in ending else 1):
+            for _ in range((20 if LONG else 2) if "while True" in ending else 1):
                 with self.subTest(ending), tempfile.TemporaryDirectory() as folder:
                     run_python(BEGIN + ending if "\n" in ending else f"{BEGIN}    {ending}", folder)
                     rows = JSONDatatable(os.path.join(folder, PATH)).tables["t"].rows
-                    self.assertTrue("insert" not in ending or rows == [[1, None, None]], rows)
+                    self.assertTrue("'k'" not in ending or rows == [[1, None, None, None]], rows)
+
+    def test_exit_that_waits(self):
+        for program in QUEUES * (20 if LONG else 1):
+            with self.subTest(program), tempfile.TemporaryDirectory() as folder:
+                run_python(program, folder)
+                rows = JSONDatatable(os.path.join(folder, PATH)).tables["t"].rows
+                self.assertEqual(rows, [[number] for number in range(60)])
 
 if __name__ == "__main__":
     unittest.main()

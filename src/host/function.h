@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <utility>
 
-#include "host/call_gate.h"
 #include "host/python.h"
 #include "host/ref.h"
 #include "host/signature.h"
@@ -50,7 +49,6 @@ struct Entry<body> {
 
     static PyObject* call(PyObject* function, PyObject* const* arguments, std::size_t flagged_count,
                           PyObject* keyword_names) noexcept {
-        const CallGate gate;
         return guarded(
             [&]() -> PyObject* {
                 const RecursionGuard guard;

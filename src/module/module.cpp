@@ -5,7 +5,6 @@
 #include <string>
 
 #include "cpython310/native_class.h"
-#include "host/call_gate.h"
 #include "host/module_state.h"
 #include "module/methods.h"
 #include "module/records.h"
@@ -153,7 +152,6 @@ void bind_names() {
     bind("Table", table_class);
     const Ref database_class = make_class("JSONDatatable", methods(), module_state.globals);
     note_originals(database_class);
-    close_gate_at_exit();
     bind("JSONDatatable", database_class);
 }
 
