@@ -39,7 +39,7 @@ function(json_database_check_compiler)
     if(NOT JSON_DATABASE_COMPILER_SUITS)
         unset(JSON_DATABASE_COMPILER_SUITS CACHE)
         message(FATAL_ERROR "${CMAKE_CXX_COMPILER} (${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}) lacks parts of "
-            "C++20 or of its library. Install GCC 11 or newer, or clang 11 or newer beside that GCC's library, and name "
+            "C++20 or of its library. Install GCC 11 or newer, or clang 13 or newer beside that GCC's library, and name "
             "it: CXX=g++-11 cmake --fresh --preset release")
     endif()
 endfunction()

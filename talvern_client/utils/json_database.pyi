@@ -1,10 +1,10 @@
 """A small table database kept in one JSON file.
 
-A method that changes something writes the whole file anew before it returns: a new file beside the old one, renamed
-over it when it is complete. What is refused raises an exception, and nothing is changed then. When the write itself
-fails, the change stays in memory, the file stays as it was, and the next change that can be written brings both in.
+A method that changes something writes the whole file before it returns: a new file beside the old one, renamed over it
+when it is complete. A refused change raises an exception, and nothing is changed then. If the write itself fails, the
+change stays in memory and the file stays as it was. Each later change then fails too, until the cause is gone.
 
-Argument types are exact: a subclass of `str`, `dict` or `list` is a TypeError.
+Argument types are exact: an instance of a subclass of `str`, `dict` or `list` raises TypeError.
 """
 
 # The methods find json, os, re and datetime here at each call, so a test may replace them.
@@ -22,7 +22,7 @@ class Column:
     name: str
     """The key of the column's value in row dictionaries."""
     data_type: str
-    """"number", "boolean" or "date" convert what comes in; every other text leaves it as it is."""
+    """"number", "boolean" and "date" convert the values; with any other string they are stored unchanged."""
     required: bool = True
     """Refuse an inserted row whose value is None once the default has been applied."""
     unique: bool = False
@@ -30,7 +30,7 @@ class Column:
     default: Any = None
     """Stored when a row has no entry for the column; an entry that is None stays None."""
     validation_pattern: Optional[str] = None
-    """A regular expression that text has to match from its start; not necessarily to its end."""
+    """A regular expression that strings have to match from their start; not necessarily to their end."""
 
 @dataclass
 class Table:
@@ -42,7 +42,7 @@ class Table:
     rows: List[List[Any]] = field(default_factory=list)
     """One list per row, its values in column order. A row's position is its id; a deleted row holds only None."""
     indexes: Dict[str, Dict[Any, List[int]]] = field(default_factory=dict)
-    """Column name to value to ids of the rows holding it. After a load, as read until the first use."""
+    """Column name to value to ids of the rows that hold it. After a load, what the file holds until the first use."""
 
 class JSONDatatable:
     """A database in one JSON file. Not to be used by several threads at once."""
@@ -54,40 +54,45 @@ class JSONDatatable:
     def __init__(self, filename: Union[str, bytes, os.PathLike[str], os.PathLike[bytes]] = 'database.json') -> None:
         """Open the database in this file.
 
-        The file is loaded if it is there, and raises then what load raises. If it is not, the database is empty and
-        the first change makes the file.
+        An existing file is loaded, and what load raises is raised. Otherwise the database is empty, and the first
+        change makes the file.
         """
 
     def create_table(self, table_name: str, columns: List[Column]) -> bool:
         """Declare a table without rows. The result is True.
 
-        The list of columns is kept, not copied, and is not examined.
+        The list of columns is kept, not copied, and not checked.
 
-        Raises ValueError when there is a table of that name.
-        Writes the file.
+        Raises ValueError when there is a table of that name, AttributeError when an item of the list is no Column: the
+        table is in memory then, and `del db.tables[table_name]` removes it.
+        Writes the file. What save raises then leaves the change in memory, where it makes every later change fail too.
         """
 
     def insert(self, table_name: str, data: Dict[str, Any]) -> int:
         """Add a row, given as column name to value. The result is its row id, which it keeps until the next load.
 
         A column without an entry gets its default. Values are converted by the column's type. Keys that name no
-        column are dropped.
+        column are ignored. Each insert walks all rows for each unique column.
 
-        Raises ValueError when the table is unknown, or when a value is missing though required, can't be converted,
-        doesn't match the pattern, or is held by another row though unique; TypeError when a value of a unique column
-        can't be hashed; OverflowError for an infinite number; re.error when the pattern is no regular expression.
-        Writes the file.
+        Refuses with ValueError when the table is unknown, or when a value is missing though required, can't be
+        converted, doesn't match the pattern, or is held by another row though unique; with TypeError when a value of a
+        unique column can't be hashed; with OverflowError for an infinite number; with re.error when the pattern is no
+        regular expression.
+        Writes the file. What save raises then leaves the change in memory, where it makes every later change fail too.
+        ValueError and TypeError may be save's too.
         """
 
     def update(self, table_name: str, row_id: int, new_data: Dict[str, Any]) -> bool:
         """Replace the whole row. The result is True.
 
         A column without an entry gets its default, not its old value; to change single values, pass
-        `{**db.get_row(table_name, row_id), ...}`. A required column may become None. A value of a unique column that
-        one other row holds is usually not refused. A deleted row is live again afterwards.
+        `{**db.get_row(table_name, row_id), ...}`, whose values are all converted and checked again. A required column
+        may become None. A value of a unique column that one other row holds is usually not refused. A deleted row is
+        live again afterwards.
 
-        Raises IndexError when there is no such row id, and what insert raises.
-        Writes the file.
+        Refuses with IndexError when there is no such row id, and as insert does.
+        Writes the file. What save raises then leaves the change in memory, where it makes every later change fail too.
+        ValueError and TypeError may be save's too.
         """
 
     def clear_table(self, table_name: str) -> bool:
@@ -95,26 +100,28 @@ class JSONDatatable:
 
         The table stays, and the rows keep their ids as deleted ones: the next insert goes on counting.
 
-        Raises ValueError when the table is unknown.
-        Writes the file.
+        Refuses with ValueError when the table is unknown, with TypeError when a value of a unique column can't be
+        hashed, as a list that a load made of a tuple.
+        Writes the file. What save raises then leaves the change in memory, where it makes every later change fail too.
         """
 
     def delete(self, table_name: str, row_id: int) -> bool:
         """Delete a row, or a deleted row again. The result is True.
 
-        Its values become None and no other row's id changes. The file leaves deleted rows out, so that the next load
-        closes the gap.
+        Its values become None, and no other row's id changes. The file leaves deleted rows out, so the next load gives
+        smaller ids to the rows after it.
 
-        Raises ValueError when the table is unknown, IndexError when there is no such row id.
-        Writes the file.
+        Refuses with ValueError when the table is unknown, with IndexError when there is no such row id, with TypeError
+        when a value of a unique column can't be hashed, as a list that a load made of a tuple.
+        Writes the file. What save raises then leaves the change in memory, where it makes every later change fail too.
         """
 
     def select(self, table_name: str, conditions: Optional[Dict[str, Any]] = None, columns: Optional[List[str]] = None,
                limit: Optional[int] = None) -> List[Dict[str, Any]]:
         """The live rows whose values equal all conditions, as new dictionaries from column name to value.
 
-        `columns` names the columns wanted; unknown names are dropped. `limit` is the most rows wanted; None and 0
-        stand for all.
+        Conditions are not converted by the column's type. `columns` names the columns wanted; unknown names are
+        ignored. `limit` is the most rows wanted; None and 0 mean all.
 
         One condition on a unique column is answered from its index: keys then come in the table's column order,
         rows in the order in which they got the value. Every other query scans: keys come in the order of `columns`,
@@ -138,7 +145,7 @@ class JSONDatatable:
         """
 
     def _build_index(self, table_name: str, column_name: str) -> None:
-        """Build one column's index anew from the rows, whether the column is unique or not. From then on it is kept.
+        """Build one column's index anew from the rows, whether the column is unique or not. It is kept from then on.
 
         Raises KeyError when the table is unknown. Leaves the file alone.
         """
@@ -178,23 +185,27 @@ class JSONDatatable:
     def save(self) -> None:
         """Write the whole database to `filename`. Every change calls it: redefine it to put off writing.
 
-        Raises OSError when the file can't be written, TypeError when a dictionary stored as a value has keys that
-        JSON doesn't know, UnicodeEncodeError for text that UTF-8 can't hold. The old file is untouched then, and the
-        database in memory too.
+        Raises OSError when the file can't be written; UnicodeEncodeError, which is a ValueError, for a string that
+        UTF-8 can't hold; ValueError for a list or dictionary that contains itself and for an integer of over 4,300
+        digits; RecursionError for very deep nesting; TypeError for a dictionary stored as a value whose keys JSON
+        doesn't know; AttributeError for an item of `columns` that is no Column; and what the str() of a value raises.
+        The file is as before then, and so is the database in memory.
         """
 
     def load(self) -> None:
         """Replace `tables` with what the file holds, if there is a file.
 
-        Rows are numbered from 0 without the deleted ones. Dates come back as text.
+        Rows are numbered from 0 without the deleted ones. Dates come back as strings. Changes that were not written are
+        dropped.
 
         Prints a line and raises when the file can't be read: OSError; json.JSONDecodeError or UnicodeDecodeError
-        (both are ValueErrors) for what is no JSON; KeyError, AttributeError or TypeError for JSON of another shape.
+        (both are ValueErrors) for a file that is no JSON; KeyError, AttributeError or TypeError for JSON of another
+        shape.
         Leaves the file alone.
         """
 
     def display_table(self, table_name: str, limit: int = 10) -> None:
-        """Print the live rows as aligned text, at most `limit` of them; 0 stands for all.
+        """Print the live rows as aligned text, at most `limit` of them; 0 means all.
 
-        An unknown table is reported as text too. Leaves the file alone.
+        An unknown table is reported by a printed line, not by an exception. Leaves the file alone.
         """
