@@ -103,7 +103,7 @@ def stem(x1, x2, y, colour):
 
 
 def arrow(name, x, y, direction, label):
-    """A value beyond the axis: its arrow stands at the edge and says the value."""
+    """A value beyond the axis: an arrow at the edge, with the value beside it."""
     tip = x + 7 * direction
     return (f'<path d="M{number(x)} {number(y - 4)}L{number(tip)} {number(y)}L{number(x)} {number(y + 4)}Z"'
             f' class="f-{css(name)}"/>'

@@ -1,7 +1,7 @@
 """Who is measured: each class does the same operations its own way.
 
 `fill` makes the file, `use` opens it for the operations. An operation is an attribute that takes one argument, made by
-`argument` before the clock starts. A contender that lacks an operation is left out of it. `before` and `after` stand
+`argument` before the clock starts. A contender that lacks an operation is left out of it. `before` and `after` are
 outside the clock, too.
 """
 

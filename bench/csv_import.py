@@ -17,7 +17,7 @@ import rows
 
 COUNT = 50_000
 ROUNDS = 3
-NAMES = [name for name, *_ in rows.COLUMNS if name != "active"]  # "False" as text is true, for everyone here
+NAMES = [name for name, *_ in rows.COLUMNS if name != "active"]  # bool("False") is true, for everyone here
 
 
 def write_csv(path):

@@ -45,7 +45,7 @@ def sample(contender, operation, calls):
 
 
 def check(contender):
-    """Whoever finds other rows than the rest would be measured for nothing."""
+    """A contender that finds other rows than the rest is measured for nothing."""
     if contender.count and hasattr(contender, "one_percent"):
         found = len(contender.one_percent(contender.argument("one_percent"))), len(contender.select_all(None))
         if found != (contender.count // 100, contender.count):
@@ -93,7 +93,7 @@ class Worker:
 
 
 def interleaved(workers, operation, rounds, budget):
-    """{name: seconds of each sample}. Whoever is too slow for the budget sits out some rounds, but not all."""
+    """{name: seconds of each sample}. One that is too slow for the budget sits out some rounds, but not all."""
     samples = {}
     plan = {}
     for worker in workers:
@@ -134,7 +134,7 @@ def settled():
 
 
 def weigh(connection, name, folder, count, turn):
-    """The process that weighs one contender: bytes kept by a load, bytes that an insert needs for a while."""
+    """The process that weighs one contender: bytes kept by a load, bytes that one insert needs at its peak."""
     sys.stdout = open(os.devnull, "w")
     contender = contenders.CONTENDERS[name](folder, count)
     contender.next = count * (turn + 2)  # past whatever the file has been given so far

@@ -119,10 +119,10 @@ def growth(numbers):
 
 
 def memory_table(numbers):
-    """Bytes a row: what a load keeps, and what an insert needs for a while."""
+    """Bytes a row: what a load keeps, and what one insert needs at its peak."""
     lines = []
     for count, weights in numbers["memory"].items():
-        for what, title in ("kept", "kept by a load"), ("peak", "for a while, one insert"):
+        for what, title in ("kept", "kept by a load"), ("peak", "more at the peak of one insert"):
             cells = [weights.get(name, {}).get(what) for name in ("ours", "literal", "by hand")]
             lines.append((f"{title}, {int(count):,} rows",
                           *("–" if cell is None else f"{cell / int(count):,.1f}" for cell in cells)))

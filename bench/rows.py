@@ -1,4 +1,4 @@
-"""The rows that everyone stores: six mixed columns, the first a unique text; the same on every run."""
+"""The rows that everyone stores: six mixed columns, the first a unique string; the same on every run."""
 
 import datetime
 

@@ -18,7 +18,7 @@ foreach(name IN ITEMS EXECUTABLE ROOT_DIR)
     endif()
 endforeach()
 
-# Leaves in `misfit` why the interpreter can't be used, or an empty text and its facts in `facts`.
+# Leaves in `misfit` why the interpreter can't be used, or an empty string and its facts in `facts`.
 function(cpython310_examine interpreter)
     set(facts "")
     execute_process(
