@@ -84,31 +84,30 @@ Items, Record = subclass("Items", list), subclass("Record", dict)
 Indexed = subclass("Indexed", Tagged, __index__=lambda self: self.tag)
 Floating = subclass("Floating", Tagged, __float__=lambda self: self.tag)
 
-PLAIN = [None, True, False, 0, 1, 2, 3, 7, 1.0, 2.5, "", "a", "b", "c", "d", "Abc", "Zed", "1", "2.5", "naïve 日本"]
+PLAIN = [None, True, False, 0, 1, 2, 3, 7, 1.0, 2.5, "", "a", "b", "c", "d", "Abc", "Zed", "1", "2.5", "日本"]
 TYPED = {
     "number": [0, 1, 2, 3, 4, 5, 1.0, 2.5, 1e20, 1e-05, True, "1", "2", "3.", "4.50", " 7 ", "1_0", "1e3"],
     "boolean": [True, False, 0, 1, "", "false", 0.0],
-    "date": ["2024-03-15", "2024-3-5", "2024-01-01", "2024-01-02", "2024-02-30", date(2024, 3, 15), date(2024, 1, 1),
-             9],
+    "date": ["2024-03-15", "2024-3-5", "2024-01-01", "2024-02-30", date(2024, 3, 15), date(2024, 1, 1), 9],
     "odd": [Sided(1), Sided(2), Sided(3), Sided(4), Failing("eq"), float("nan"), (1, "a"), [1], 1]}
 ODD = [
     lambda: float("nan"), lambda: float("inf"), lambda: -0.0, lambda: 1e20, lambda: 1e-05, lambda: 1e16,
     lambda: 10 ** 30, lambda: -2 ** 63, lambda: b"x", lambda: (1, "a"), lambda: (), lambda: [], lambda: [1, [None]],
-    lambda: [[[[[[{}]]]]]], lambda: {"k": 1.5, 2: None, 1.5: True}, lambda: date(2024, 3, 15),
-    lambda: datetime(2024, 3, 15, 10, 5), lambda: {1}, lambda: Decimal("1.50"), lambda: Fraction(3, 2), lambda: 1j,
-    lambda: 'q"\\\n\t\x01\x7f\u2028', lambda: Text("a"), lambda: Whole(1), lambda: Real(2.5), lambda: Items([1]),
-    lambda: Record(k=Text("v")), lambda: Failing("eq"), lambda: Failing("hash"), lambda: Failing("bool"),
-    lambda: Sided(1), lambda: Sided(2), lambda: Floating(1.5), lambda: Indexed(1)]
+    lambda: [[[[[[{}]]]]]], lambda: {"k": 1.5, 2: None, 1.5: True}, lambda: date(2024, 3, 15), lambda: {1},
+    lambda: datetime(2024, 3, 15, 10, 5), lambda: Decimal("1.50"), lambda: Fraction(3, 2), lambda: 1j,
+    lambda: 'naïve q"\\\n\t\x01\x1f\x7f\u2028', lambda: Text("a"), lambda: Whole(1), lambda: Real(2.5),
+    lambda: Items([1]), lambda: Record(k=Text("v")), lambda: Failing("eq"), lambda: Failing("hash"),
+    lambda: Failing("bool"), lambda: Sided(1), lambda: Sided(2), lambda: Floating(1.5), lambda: Indexed(1)]
 UNWRITABLE = [lambda: "\ud800", lambda: Failing("str"), lambda: {(1, 2): 3}, lambda: [{date(2024, 3, 15): 1}]]
-NUMBERS = [1.9, -0.5, True, Whole(1), 10 ** 30, -2 ** 64, Fraction(3, 2), Indexed(1), Floating(1.5), Decimal("2.7"), 1j,
-           "1", None, float("nan"), float("inf")]
+NUMBERS = [1.9, -0.5, True, Whole(1), 10 ** 30, -2 ** 64, Fraction(3, 2), Indexed(1), Floating(1.5),
+           Decimal("2.7"), 1j, "1", None, float("nan"), float("inf")]
 TABLES = ["t", "second", "é"]
 FILES = ["database.json", "other.json", "folder", "none/x.json", "a\0b", "\ud800", None]
 STEPS = {
     "create_table": 3, "insert": 24, "update": 14, "clear_table": 0.5, "delete": 6, "select": 16, "get_row": 4,
     "_build_indexes": 1, "_build_index": 1, "_row_to_dict": 2, "_validate_row": 4, "_dict_to_row_id": 5,
-    "_project_row": 2, "save": 1, "load": 2, "display_table": 4, "__init__": 0.2, "fill": 0.06, "edit": 5, "reopen": 2,
-    "copy": 1, "move": 0.5}
+    "_project_row": 2, "save": 1, "load": 2, "display_table": 4, "__init__": 0.2, "fill": 0.06, "edit": 5,
+    "reopen": 2, "copy": 1, "move": 0.5}
 
 # What a redefined method makes of the original's result, and the ways to redefine it.
 CHANGES = {
@@ -150,21 +149,22 @@ class Side:
         return repr(tables), self.db.filename, files
 
     def failure(self, error):
-        """Class and arguments. How a type is named in full, and the note on a subclass, are free wording; text may be
-        encoded whole or in pieces."""
+        """Class and arguments. How a type is named in full and the note on a subclass are free wording; a string
+        may be encoded whole or in pieces."""
         words = re.sub(r"(?<=got )\w+\.", "", repr(error.args).replace(self.module.__name__ + ".", ""))
         if isinstance(error, UnicodeEncodeError):
             words = error.object[error.start:error.end] + error.reason
         if "has incorrect type (expected" in words:
             words = words.split(". ")[0]
-        return type(error), words, error.__suppress_context__, error.__context__ and self.failure(error.__context__)
+        handled = error.__context__ and self.failure(error.__context__)
+        return type(error), words, error.__suppress_context__, handled
 
 
 class Step:
     """One random step for one side."""
     def __init__(self, side, seed):
         self.side, self.db, self.draw, self.given, self.result = side, side.db, random.Random(seed), [], None
-        self.name = self.choose(list(self.db.tables) or TABLES) if self.chance(.95) else self.choose(TABLES + ["nope"])
+        self.name = self.choose([*self.db.tables] or TABLES if self.chance(.95) else TABLES + ["nope"])
         self.table = self.db.tables.get(self.name) or side.module.Table(self.name, [])
         self.rows, self.columns = self.table.rows, self.table.columns
         self.what, = self.draw.choices(list(STEPS), STEPS.values())
@@ -218,10 +218,10 @@ class Step:
         return name if name.__hash__ else "x"
 
     def column(self):
-        name = self.choose(["id", "name", "n", "when", "x"] if self.chance(.985) else [5, None, Text("id"), ["id"]])
+        name = self.choose(["id", "name", "n", "when", "x"] if self.chance(.985) else [5, None, Text("a"), ["a"]])
         if self.chance(.005):
             return SimpleNamespace(name=name)
-        kind = self.choose(["number", "number", "boolean", "date", "text", "text", "text", "Number", None, "odd", "odd"])
+        kind = self.choose(["number"] * 2 + ["boolean", "date", "Number", None] + ["text"] * 3 + ["odd"] * 2)
         required, unique = [self.chance(share) if self.chance(.97) else self.value() for share in (.1, .4)]
         return self.side.module.Column(
             name, kind, required, unique, self.value() if self.chance(.2) else None,
@@ -233,7 +233,8 @@ class Step:
         if self.what != "create_table":
             return None if self.chance(.4) else [self.column_name() for _ in range(self.draw.randrange(4))]
         columns = [self.column() for _ in range(self.choose([0, 1, 2, 3, 3, 4, 5]))]
-        return columns if self.chance(.25) else list({repr(column.name): column for column in columns}.values())
+        different = {repr(column.name): column for column in columns}
+        return columns if self.chance(.25) else list(different.values())
 
     def give_conditions(self):
         if self.chance(.15):
@@ -247,45 +248,55 @@ class Step:
         return self.draw.randrange(len(self.rows) or 1)
 
     def argument(self, name):
+        if name in ("data", "new_data", "row_dict"):
+            return self.values(.8)
         return {
             "table_name": lambda: self.choose(TABLES) if self.what == "create_table" else self.name,
             "filename": lambda: self.choose(FILES[:2]),
             "columns": self.give_columns, "conditions": self.give_conditions, "row_id": self.give_row_id,
-            "data": lambda: self.values(.8), "new_data": lambda: self.values(.8), "row_dict": lambda: self.values(.8),
-            "limit": lambda: self.choose(NUMBERS) if self.chance(.1) else self.choose([0, 1, 2, 3, 20, -1, -2]),
+            "limit": lambda: self.choose(NUMBERS if self.chance(.1) else [0, 1, 2, 3, 20, -1, -2]),
             "column_name": self.column_name,
             "table": lambda: self.table if self.chance(.9) else SimpleNamespace(**vars(self.table)),
             "row": lambda: self.choose(self.rows) if self.rows and self.chance(.8) else self.some_values(5),
             "update": lambda: self.choose([True, False, None, "x", [], Failing("bool")]),
         }[name]()
 
+    def spoil(self, values):
+        """One argument less, one too many, or one of another type."""
+        spoiled = self.choose(["none", "bogus", "self"] + list(values) * 2)
+        if spoiled == "none":
+            values.popitem()
+        elif self.what == "__init__":  # a number would be an open file of this process
+            values[spoiled] = self.choose([None, Path("other.json"), Text("other.json")])
+        else:
+            values[spoiled] = self.choose([None, 5, (), "1", Text(self.name), Items(), Record(), self.value()])
+
     # Steps
 
     def call(self):
         """A call of a method, its arguments given by position, by name, or now and then wrongly."""
-        parameters = list(inspect.signature(getattr(literal.JSONDatatable, self.what)).parameters.values())[1:]
-        values = {p.name: self.argument(p.name) for p in parameters if p.default is p.empty or self.chance(.6)}
-        names = [p.name for p in parameters]
-        while self.chance(.06) and values:
-            junk = [None, 5, (), "1", Text(self.name), Items(), Record(), self.value(), self.choose(NUMBERS)]
-            if self.what == "__init__":  # a number would be an open file of this process
-                junk = [None, Path("other.json"), Text("other.json")]
-            self.choose([lambda: values.popitem(), lambda: values.update(bogus=1), lambda: values.update(self=self.db),
-                         *[lambda: values.update({self.choose(list(values)): self.choose(junk)})] * 3])()
+        parameters = dict(inspect.signature(getattr(literal.JSONDatatable, self.what)).parameters)
+        del parameters["self"]
+        names = list(parameters)
+        values = {name: self.argument(name) for name, parameter in parameters.items()
+                  if parameter.default is parameter.empty or self.chance(.6)}
+        while values and self.chance(.06):
+            self.spoil(values)
         positional = next((i for i, name in enumerate(names) if name not in values), len(names))
         if self.chance(.25):
             positional = self.draw.randrange(positional + 1)
         args = [values.pop(name) for name in names[:positional]] + [None] * self.chance(.005)
         if self.chance(.005):
             values[self.choose(["self"] + names[:positional])] = 1
-        self.given = args + [(name, value) for name, value in values.items() if name != "self"]
+        self.given = args + list(values.items())
         method = getattr(self.db, self.what)
-        if self.chance(.02):
-            method, args = getattr(self.side.kind, self.what), [self.db][:self.chance(.8) and "self" not in values] + args
+        if self.chance(.02):  # by way of the class, and now and then without the object
+            method = getattr(self.side.kind, self.what)
+            args = args if self.chance(.2) else [self.db, *args]
         self.keep(method(*args, **values))
 
     def keep(self, result):
-        """Writes the result down, then spoils it: what was handed out is no part of the store, nor of its like."""
+        """Writes the result down, then changes it: what was handed out is no part of the store."""
         self.result = repr(result)
         for spoiled in result if isinstance(result, list) else [result]:
             if isinstance(spoiled, dict):
@@ -310,11 +321,16 @@ class Step:
         merged = {date(2024, 3, 15): ids, "2024-03-15": [], (1,): ids}
         index = self.choose([{}, merged, None, [1], Record(a=ids), {self.value(): ids}])
         set_cell = lambda: row.__setitem__(self.draw.randrange(len(row)), self.value())
-        add_ids = lambda: indexes[name].setdefault(self.choose([*indexes[name], self.value()]), []).extend(ids)
+
+        def add_ids():
+            key = self.choose([*indexes[name], self.value()])
+            indexes[name].setdefault(key, []).extend(ids)
+
         edits = [
-            lambda: rows.append(self.some_values(len(columns) + 2)), lambda: rows.pop(), lambda: row.append(self.value()),
-            lambda: row.pop(), lambda: rows.__setitem__(self.draw.randrange(len(rows)), odd_row), set_cell, set_cell,
-            set_cell, lambda: columns.append(other), lambda: columns.pop(), lambda: columns.reverse(),
+            lambda: rows.append(self.some_values(len(columns) + 2)), lambda: rows.pop(),
+            lambda: rows.__setitem__(self.draw.randrange(len(rows)), odd_row),
+            lambda: row.append(self.value()), lambda: row.pop(), set_cell, set_cell, set_cell,
+            lambda: columns.append(other), lambda: columns.pop(), lambda: columns.reverse(),
             lambda: setattr(column, *self.choose(list(vars(other).items()))), lambda: indexes.pop(name),
             lambda: indexes.__setitem__(name, index), lambda: setattr(table, "indexes", {name: index}),
             lambda: setattr(table, "indexes", dict(indexes)), add_ids, add_ids, add_ids]
@@ -391,12 +407,12 @@ class Step:
 
 
 def difference(other, seed, steps=range(200)):
-    """The steps up to the first after which the sides differ, each in words, and what each side shows, or None."""
+    """The steps up to the first after which the sides differ, and what each side shows then; else None."""
     with contextlib.ExitStack() as stack:
         folder = stack.enter_context(tempfile.TemporaryDirectory())
         stack.callback(os.chdir, os.getcwd())
         stack.enter_context(mock.patch.object(literal, "open", staged_open, create=True))
-        sides = Side(literal, model.Checked, os.path.join(folder, "a")), Side(*other, os.path.join(folder, "b"))
+        sides = [Side(literal, model.Checked, os.path.join(folder, "a")), Side(*other, os.path.join(folder, "b"))]
         taken = {}
         for number in steps:
             ours, theirs = [side.run(seed * 1000003 + number) + side.look() for side in sides]
@@ -407,7 +423,7 @@ def difference(other, seed, steps=range(200)):
 
 
 def report(other, seed):
-    """How this seed's run goes differently, without most steps that have no part in it; else an empty string."""
+    """How this seed's run goes differently, with few steps that have no part in it; else an empty string."""
     found = difference(other, seed)
     if not found:
         return ""
