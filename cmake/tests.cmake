@@ -1,4 +1,5 @@
-# One test per file: tests/test_*.py, and tests/slow_*.py, which `ctest` leaves out unless it is told `-C Slow`.
+# One test per file: tests/test_*.py. Files that know a long form are tested in that one too when `ctest` is told
+# `-C Long`; it takes about four minutes.
 
 enable_testing()
 
@@ -19,20 +20,25 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     set(fault_environment "JSON_DATABASE_FAULT_LIBRARY=$<TARGET_FILE:fault_library>")
 endif()
 
-function(json_database_tests pattern timeout)
-    file(GLOB files CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tests/${pattern}")
-    set(environment ${run_environment} ${fault_environment})
-    list(TRANSFORM environment REPLACE "^(PYTHONPATH=.*)$" "\\1:${PROJECT_SOURCE_DIR}/tests:${PROJECT_SOURCE_DIR}/bench")
-    foreach(file IN LISTS files)
-        cmake_path(GET file STEM name)
-        add_test(NAME ${name} COMMAND "${cpython310_executable}" -X dev -m unittest -v ${name} ${ARGN})
-        set_tests_properties(${name} PROPERTIES
-            WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}/tests"
-            ENVIRONMENT "${environment}"
-            TIMEOUT ${timeout}
-        )
-    endforeach()
+set(test_environment ${run_environment} ${fault_environment})
+list(TRANSFORM test_environment REPLACE
+    "^(PYTHONPATH=.*)$" "\\1:${PROJECT_SOURCE_DIR}/tests:${PROJECT_SOURCE_DIR}/bench")
+
+function(json_database_test name file timeout environment)
+    add_test(NAME ${name} COMMAND "${cpython310_executable}" -X dev -m unittest -v ${file} ${ARGN})
+    set_tests_properties(${name} PROPERTIES
+        WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}/tests"
+        ENVIRONMENT "${test_environment};${environment}"
+        TIMEOUT ${timeout}
+    )
 endfunction()
 
-json_database_tests(test_*.py 300)
-json_database_tests(slow_*.py 900 CONFIGURATIONS Slow)
+file(GLOB files CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tests/test_*.py")
+foreach(file IN LISTS files)
+    cmake_path(GET file STEM name)
+    json_database_test(${name} ${name} 300 "")
+    file(STRINGS "${file}" long REGEX LONG)
+    if(long)
+        json_database_test(long_${name} ${name} 900 "JSON_DATABASE_LONG=1" CONFIGURATIONS Long)
+    endif()
+endforeach()

@@ -23,7 +23,7 @@ try:
 except ImportError:
     _testcapi = None
 
-LONG = "JSON_DATABASE_LONG_FAULTS" in os.environ
+LONG = "JSON_DATABASE_LONG" in os.environ
 LIBRARY = os.environ.get("JSON_DATABASE_FAULT_LIBRARY")
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "") or "rt.asan" in os.environ.get("LD_PRELOAD", "")
 PATH = "database.json"
