@@ -1,7 +1,7 @@
 """Faults made to happen one after the other, and what each may leave behind.
 
-A test hands a function to `in_child`, which runs it in a process of its own, in an empty folder: it counts its cases
-there and may crash. A fault is armed before one call and disarmed after it.
+A test hands a function to `in_child`, which runs it in a process of its own, in an empty folder: it counts its
+cases there and may crash. A fault is armed before one call and disarmed after it.
 """
 
 import contextlib
@@ -33,14 +33,15 @@ class FaultTest(unittest.TestCase):
     def in_child(self, function, *arguments, least=1, through=()):
         """Fails unless the function tries at least so many cases, and each of them ends as it must."""
         call = f"{function.__name__}, *{arguments}"
-        with tempfile.TemporaryDirectory(dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None) as folder:
+        fast_disk = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+        with tempfile.TemporaryDirectory(dir=fast_disk) as folder:
             data, output, errors = (os.path.join(folder, name) for name in ("data", "output", "errors"))
             os.mkdir(data)
             code = f"import fault_support as s, {function.__module__} as t; s.run_cases({least}, t.{call})"
             with open(output, "wb") as output_file, open(errors, "wb") as errors_file:
                 child = subprocess.Popen(
-                    [*through, sys.executable, "-X", "dev", "-c", code], cwd=data, env=child_environment(folder),
-                    stdin=subprocess.DEVNULL, stdout=output_file, stderr=errors_file)
+                    [*through, sys.executable, "-X", "dev", "-c", code], cwd=data,
+                    env=child_environment(folder), stdin=subprocess.DEVNULL, stdout=output_file, stderr=errors_file)
                 status = self.wait(child, call, errors)
             printed, told = read(output).decode(errors="replace"), read(errors).decode(errors="replace")
         if status or not printed:
@@ -84,7 +85,8 @@ class Cases:
         try:
             yield
         except BaseException as error:
-            self.faults.append(f"{text}: {error!r:.2000}\n{''.join(traceback.format_tb(error.__traceback__)[-1:])}")
+            where = "".join(traceback.format_tb(error.__traceback__)[-1:])
+            self.faults.append(f"{text}: {error!r:.2000}\n{where}")
 
 
 def run_cases(least, function, *arguments):
@@ -134,7 +136,8 @@ OPERATIONS = {
     "select scanned": lambda db, x="b": db.select("t", *given(db, {"s": x, "k": 2}, ["k", x]), 3),
     "get_row": lambda db, x=1: db.get_row("t", x),
     "_build_indexes": lambda db: db._build_indexes("t"),
-    "_row_to_dict": lambda db, x="s": db._row_to_dict(db.tables["t"], *given(db, db.tables["t"].rows[1], [x, "k"])),
+    "_row_to_dict": lambda db, x="s": db._row_to_dict(
+        db.tables["t"], *given(db, db.tables["t"].rows[1], [x, "k"])),
     "_project_row": lambda db, x="s": db._project_row(*given(db, {"k": 1, x: 2}, ["u", x, "k"])),
     "_validate_row": lambda db, x="2": db._validate_row(db.tables["t"], {"k": x, x: 1}, x),
     "_dict_to_row_id": lambda db, x="x": db._dict_to_row_id(db.tables["t"], {"o": x}),
@@ -165,15 +168,18 @@ def disagreement(db):
     """What rows and indexes say differently."""
     settle(db)
     for table in db.tables.values():
-        live = {row_id: row for row_id, row in enumerate(table.rows) if any(value is not None for value in row)}
+        live = {row_id: row for row_id, row in enumerate(table.rows) if set(map(id, row)) - {id(None)}}
         for position, column in enumerate(table.columns):
-            index = table.indexes.get(column.name, {})
-            listed = [(row_id, value) for value, ids in index.items() for row_id in ids or [-1]]  # no list is empty
-            if column.name in table.indexes and sorted(row_id for row_id, _ in listed) != list(live):
-                return f"{column.name}: lists {[row_id for row_id, _ in listed]}, live are {list(live)}"
+            if column.name not in table.indexes:
+                continue
+            # An empty list, which no index may hold, counts as that of no row.
+            listed = [(row_id, value) for value, ids in table.indexes[column.name].items() for row_id in ids or [-1]]
+            if sorted(row_id for row_id, _ in listed) != list(live):
+                return f"{column.name}: lists {listed}, live are {list(live)}"
             for row_id, value in listed:
                 held = live[row_id][position]
-                if held is not value and not (type(held) is type(value) in (str, int) and held == value):
+                comparable = type(held) is type(value) in (str, int)
+                if held is not value and not (comparable and held == value):
                     return f"{column.name}: row {row_id} under another value"
     return None
 
@@ -220,7 +226,7 @@ def dumped(db):
 # ---- Faults --------------------------------------------------------------------------------------
 
 class Fault:
-    """`arm` and `disarm` run around a call; then an error may be explained, or have been overcome without one."""
+    """`arm` and `disarm` run around a call. Then an error may be explained, or have been overcome without one."""
 
     names = ()
 
@@ -238,7 +244,7 @@ class Fault:
 
 
 def outcome(function, *arguments, fault=Fault(), show=repr):
-    """What a call gives, comparable; plus the error itself. While the fault is armed there may be no memory left."""
+    """What a call gives, comparable; plus the error itself. An armed fault may leave no memory for more."""
     error = None
     try:
         fault.arm()
@@ -299,7 +305,7 @@ class SystemFault(Fault):
 
 
 def judge(db, name, fault, got, error, before, after):
-    """Asserts that a call under a fault ended as it may: memory and file are wholly the old or the new ones."""
+    """A call under a fault must end as it may: with memory and file wholly the old or the new ones."""
     (old_memory, old_file, old_listing), (expected, new_memory, new_file, new_listing) = before, after
     if got == expected:
         assert fault.overcome(), "a failure was passed over"

@@ -1,4 +1,4 @@
-"""What the module is checked against: the plain program of bench/literal.py, and what the module does besides.
+"""What the module is checked against: the plain program of bench/literal.py and what the module does besides.
 
 `JSONDatatable` undoes changes that fail half way, rebuilds marked indexes, and writes keys that JSON has no
 form for as strings. `Checked` is the same behind the argument checks that the module makes; only that one refuses what
@@ -156,6 +156,7 @@ class JSONDatatable(literal.JSONDatatable):
         return result
 
 
+NUMBER_METHODS = {"__int__", "__index__", "__float__"}
 BUILT_IN = {"str": str, "int": int, "Dict": dict, "List": list}
 
 
@@ -188,7 +189,7 @@ def bind(name, parameters, defaults, args, kwargs):
 
 
 def with_argument_checks(name):
-    """The method behind binding, conversions and exact-type tests, as the plain program's annotations ask for them."""
+    """The method behind binding, conversions and exact-type tests, as its annotations ask for them."""
     declared, method = getattr(literal.JSONDatatable, name), getattr(JSONDatatable, name)
     parameters = declared.__code__.co_varnames[:declared.__code__.co_argcount]
     kinds = {name: re.match(r"(?:(Optional)\[)?(\w+)", text).groups()
@@ -196,12 +197,12 @@ def with_argument_checks(name):
 
     def checked(*args, **kwargs):
         values = bind(declared.__name__, parameters, declared.__defaults__ or (), args, kwargs)
-        kept = {name: kind for name, (optional, kind) in kinds.items() if not (optional and values[name] is None)}
+        kept = {name: kind for name, (optional, kind) in kinds.items() if values[name] is not None or not optional}
         for name, kind in kept.items():
             if kind == "bool":
                 values[name] = bool(values[name])
             elif kind == "int" and type(values[name]) is not int:
-                if not any(hasattr(type(values[name]), special) for special in ("__int__", "__index__", "__float__")):
+                if not NUMBER_METHODS & set(dir(type(values[name]))):
                     raise wrong_type(name, int, values[name])
                 values[name] = int(values[name])
         for name, kind in kept.items():

@@ -122,7 +122,8 @@ def many_processes(cases, seconds):
             rows = JSONDatatable(PATH).tables["t"].rows
             assert len(rows) == 5 or rows == grown(len(rows)).tables["t"].rows, rows
 
-    children = [multiprocessing.get_context("fork").Process(target=work, args=(number,)) for number in range(6)]
+    processes = multiprocessing.get_context("fork")
+    children = [processes.Process(target=work, args=(number,)) for number in range(6)]
     for child in children:
         child.start()
     for number, child in enumerate(children):

@@ -20,7 +20,8 @@ import unittest
 from support import run_python
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-DOCUMENTS = {path.relative_to(ROOT): path.read_text() for path in [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]}
+PATHS = [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]
+DOCUMENTS = {path.relative_to(ROOT): path.read_text() for path in PATHS}
 PERHAPS_MISSING = {"pandas", "duckdb"}
 
 
@@ -70,7 +71,7 @@ class Documents(unittest.TestCase):
                 os.chdir(ROOT)
 
     def test_readme_shows_the_example(self):
-        """It runs as a program of its own; the second time, its file is there and both first inserts are refused."""
+        """It runs as a program of its own, and again where its file is there and two more inserts are refused."""
         example = ROOT / "examples/inventory.py"
         readme = blocks(DOCUMENTS[pathlib.Path("README.md")])
         code, (_, shown) = next(pair for pair in itertools.pairwise(readme) if pair[0][0] == "python")

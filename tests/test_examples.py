@@ -1,7 +1,7 @@
-"""Each operation as its user would try it: what it returns, what a refusal says, and what the file then holds.
+"""Each operation as its user would try it: what it returns, what a refusal says, what the file then holds.
 
-Read this file first, and begin a test of your own as a copy of one of these. `unchanged` is for a call that must raise
-this error and leave tables and file as they were.
+Read this file first, and begin a test of your own as a copy of one of these. `unchanged` is for a call that must
+raise this error and leave tables and file as they were.
 """
 
 import contextlib
@@ -20,8 +20,8 @@ class Examples(DatabaseTest):
             Column("age", "number", required=False),
             Column("born", "date", required=False),
         ])
-        self.assertEqual(self.db.insert("people", {"email": "ann@x.org", "age": "42", "born": "1982-03-15"}), 0)
-        self.assertEqual(self.db.insert("people", {"email": "bob@x.org"}), 1)
+        self.db.insert("people", {"email": "ann@x.org", "age": "42", "born": "1982-03-15"})
+        self.db.insert("people", {"email": "bob@x.org"})
 
     def rows_in_file(self):
         with open(self.path, encoding="utf-8") as file:
@@ -75,33 +75,25 @@ class Examples(DatabaseTest):
     def test_select(self):
         self.assertEqual(self.db.select("people", columns=["age", "email"]),
                          [{"age": 42, "email": "ann@x.org"}, {"age": None, "email": "bob@x.org"}])
-        self.assertEqual(self.db.select("people", {"email": "bob@x.org"}, ["email"]), [{"email": "bob@x.org"}])
+        self.assertEqual(self.db.select("people", {"email": "bob@x.org"}, ["age"]), [{"age": None}])
         self.assertEqual(self.db.select("people", {"age": 42, "email": "bob@x.org"}), [])
         self.assertEqual(self.db.select("people", columns=["email"], limit=1), [{"email": "ann@x.org"}])
 
     def test_limits_below_one(self):
-        """0 stands for all. A negative limit cuts rows off the end of what an index gives, and ends a scan after one."""
+        """0 stands for all. A negative limit cuts the end off what an index gives, and ends a scan after one row."""
+        self.db._build_index("people", "born")
         self.db.insert("people", {"email": "eve@x.org"})
-        self.db._build_index("people", "age")
         for limit, found in (0, 2), (-1, 1), (-2, 0):
-            self.assertEqual(len(self.db.select("people", {"age": None}, limit=limit)), found)
+            self.assertEqual(len(self.db.select("people", {"born": None}, limit=limit)), found)
         self.assertEqual([len(self.db.select("people", limit=limit)) for limit in (0, -1)], [3, 1])
 
     def test_load_closes_gaps_and_gives_dates_as_strings(self):
         self.db.insert("people", {"email": "eve@x.org", "born": "2001-01-01"})
         self.db.delete("people", 0)
         again = JSONDatatable(self.path)
-        self.assertEqual(again.tables["people"].rows, [["bob@x.org", None, None], ["eve@x.org", None, "2001-01-01"]])
+        self.assertEqual([list(row.values()) for row in again.select("people")],
+                         [["bob@x.org", None, None], ["eve@x.org", None, "2001-01-01"]])
         self.assertEqual(again.select("people", {"email": "eve@x.org"}, ["born"]), [{"born": "2001-01-01"}])
-
-    def test_file(self):
-        db = JSONDatatable(self.at("new.json"))
-        db.create_table("t", [Column("id", "text", unique=True)])
-        db.insert("t", {"id": "é"})
-        self.assertEqual(self.read(db.filename).decode(), (
-            '{"tables": {"t": {"name": "t", "columns": [{"name": "id", "data_type": "text", "required": true, '
-            '"unique": true, "default": null, "validation_pattern": null}], '
-            '"rows": [["é"]], "indexes": {"id": {"é": [0]}}}}}'))
 
     def test_display_table(self):
         with contextlib.redirect_stdout(io.StringIO()) as printed:

@@ -15,7 +15,7 @@ from support import JSONDatatable, module
 
 
 class Script:
-    """What hostile objects do when their methods are called: nothing wrong for some calls, then an action at each."""
+    """What hostile objects do when their methods are called: nothing wrong at first, then an action at each call."""
 
     def set(self, db, action="raise", calls_before=1000):
         self.db, self.action, self.calls_before, self.calls, self.acting = db, action, calls_before, 0, False
@@ -115,8 +115,10 @@ PLACES = {
         "name", "data_type", "required", "unique", "default", "validation_pattern")},
     **{f"the table's {field}": lambda db, field=field: setattr(table(db), field, Hostile()) for field in (
         "name", "columns", "rows", "indexes")},
-    **{f"respelt {name}": lambda db, name=name: respell(table(db).columns[1], name) for name in ("name", "unique")},
-    **{f"respelt {name}": lambda db, name=name: respell(table(db), name) for name in ("columns", "rows", "indexes")},
+    **{f"respelt {name}": lambda db, name=name: respell(table(db).columns[1], name)
+       for name in ("name", "unique")},
+    **{f"respelt {name}": lambda db, name=name: respell(table(db), name)
+       for name in ("columns", "rows", "indexes")},
     "respelt tables": lambda db: respell(db, "tables"),
     "filename": lambda db: setattr(db, "filename", HostilePath()),
     "tables": lambda db: setattr(db, "tables", Hostile()),

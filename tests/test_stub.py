@@ -27,9 +27,9 @@ def functions(database):
 
 
 def parameters(function):
-    """Name, kind, default and annotation of each. The module asks nothing of a file name; the stub says what works."""
-    return [(parameter.name, parameter.kind, parameter.default, parameter.name == "filename" or parameter.annotation)
-            for parameter in inspect.signature(function).parameters.values()]
+    """All that is declared of each. The module asks nothing of a file name; the stub says what works."""
+    declared = inspect.signature(function).parameters.values()
+    return [one.replace(annotation=None) if one.name == "filename" else one for one in declared]
 
 
 class Stub(DatabaseTest):
@@ -50,8 +50,8 @@ class Stub(DatabaseTest):
             with self.subTest(name):
                 self.assertEqual(parameters(stubbed[name]), parameters(function))
                 self.assertTrue(stubbed[name].__doc__)
-                if "return" in function.__annotations__:
-                    self.assertEqual(stubbed[name].__annotations__["return"], function.__annotations__["return"])
+                declared = function.__annotations__.get("return")
+                self.assertIn(declared, (None, stubbed[name].__annotations__.get("return")))
 
 
 if __name__ == "__main__":
