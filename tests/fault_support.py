@@ -1,6 +1,6 @@
 """Faults made to happen one after the other, and what each may leave behind.
 
-A test hands a function to `in_child`, which runs it in a process of its own, in an empty folder: it counts its
+A test hands a function to `in_child`, which runs it in a process of its own, in an empty folder. It counts its
 cases there and may crash. A fault is armed before one call and disarmed after it.
 """
 
@@ -41,7 +41,8 @@ class FaultTest(unittest.TestCase):
             with open(output, "wb") as output_file, open(errors, "wb") as errors_file:
                 child = subprocess.Popen(
                     [*through, sys.executable, "-X", "dev", "-c", code], cwd=data,
-                    env=child_environment(folder), stdin=subprocess.DEVNULL, stdout=output_file, stderr=errors_file)
+                    env=child_environment(folder), stdin=subprocess.DEVNULL,
+                    stdout=output_file, stderr=errors_file)
                 status = self.wait(child, call, errors)
             printed, told = read(output).decode(errors="replace"), read(errors).decode(errors="replace")
         if status or not printed:
@@ -172,8 +173,9 @@ def disagreement(db):
         for position, column in enumerate(table.columns):
             if column.name not in table.indexes:
                 continue
+            index = table.indexes[column.name]
             # An empty list, which no index may hold, counts as that of no row.
-            listed = [(row_id, value) for value, ids in table.indexes[column.name].items() for row_id in ids or [-1]]
+            listed = [(row_id, value) for value, ids in index.items() for row_id in ids or [-1]]
             if sorted(row_id for row_id, _ in listed) != list(live):
                 return f"{column.name}: lists {listed}, live are {list(live)}"
             for row_id, value in listed:

@@ -78,7 +78,8 @@ def wrong_files(cases, count):
         reset(content)
         with cases(number, content[:1000]):
             ours, expected = loaded(JSONDatatable), loaded(model.Checked)
-            assert ours == expected, f"expected, came: {[pair for pair in zip(expected, ours) if pair[0] != pair[1]]}"
+            for came, should in zip(ours, expected):
+                assert came == should, f"{came} instead of {should}"
             assert read() == content
 
 
