@@ -3,9 +3,12 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <csignal>
@@ -23,6 +26,8 @@ int error = 0;
 int seen = 0;
 int written = -1;  // the descriptor last written to
 char names[8192];
+char lacking[128];  // calls that the system lacks: each gives this error number, at any time
+int lacking_error = 0;
 
 bool due() {
     ++seen;
@@ -42,6 +47,16 @@ bool holds_lock() {
     return check != nullptr && check() != 0;
 }
 
+bool lacks(std::string_view name) {
+    std::string_view rest(lacking);
+    while (!rest.empty()) {
+        const std::string_view word = rest.substr(0, rest.find(' '));
+        if (word == name) return true;
+        rest.remove_prefix(std::min(rest.size(), word.size() + 1));
+    }
+    return false;
+}
+
 [[noreturn]] void die() {
     kill(getpid(), SIGKILL);
     for (;;) pause();
@@ -51,6 +66,10 @@ bool holds_lock() {
 template <class Result, class... Arguments>
 Result pass(const char* name, const char* noted, Arguments... arguments) {
     const auto real = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name));
+    if (lacks(noted)) {
+        errno = lacking_error;
+        return -1;
+    }
     if (action == Action::off || action == Action::no_memory || action == Action::predict) return real(arguments...);
     note(holds_lock() ? "locked" : noted);
     if (!due()) return real(arguments...);
@@ -88,6 +107,12 @@ int fault_disarm() {
 
 const char* fault_names() { return names; }
 
+// From now on the named calls fail; without names all of them are there again.
+void fault_lack(const char* calls, int error_number) {
+    std::strncpy(lacking, calls, sizeof lacking - 1);
+    lacking_error = error_number;
+}
+
 int open(const char* path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
@@ -103,7 +128,8 @@ int openat(int directory, const char* path, int flags, ...) {
     va_end(rest);
     // What may be there already, and lead elsewhere, is not a new file.
     const bool shared = (flags & O_CREAT) != 0 && (flags & O_EXCL) == 0;
-    return pass<int>("openat", shared ? "shared" : "openat", directory, path, flags, mode);
+    const bool unnamed = (flags & O_TMPFILE) == O_TMPFILE;
+    return pass<int>("openat", shared ? "shared" : unnamed ? "unnamed" : "openat", directory, path, flags, mode);
 }
 
 ssize_t write(int file, const void* bytes, size_t size) {
@@ -118,15 +144,41 @@ int fchmod(int file, mode_t mode) { return pass<int>("fchmod", "fchmod", file, m
 int fchown(int file, uid_t user, gid_t group) { return pass<int>("fchown", "fchown", file, user, group); }
 int fstat(int file, struct stat* status) { return pass<int>("fstat", "fstat", file, status); }
 int stat(const char* path, struct stat* status) { return pass<int>("stat", "stat", path, status); }
-int lstat(const char* path, struct stat* status) { return pass<int>("lstat", "lstat", path, status); }
+int fstatat(int directory, const char* path, struct stat* status, int flags) {
+    return pass<int>("fstatat", "fstatat", directory, path, status, flags);
+}
+int faccessat(int directory, const char* path, int mode, int flags) {
+    return pass<int>("faccessat", "faccessat", directory, path, mode, flags);
+}
+int linkat(int from, const char* old_path, int to, const char* new_path, int flags) {
+    return pass<int>("linkat", "linkat", from, old_path, to, new_path, flags);
+}
+ssize_t getxattr(const char* path, const char* name, void* value, size_t size) {
+    return pass<ssize_t>("getxattr", "getxattr", path, name, value, size);
+}
+ssize_t fgetxattr(int file, const char* name, void* value, size_t size) {
+    return pass<ssize_t>("fgetxattr", "fgetxattr", file, name, value, size);
+}
+int fsetxattr(int file, const char* name, const void* value, size_t size, int flags) {
+    return pass<int>("fsetxattr", "fsetxattr", file, name, value, size, flags);
+}
+int fremovexattr(int file, const char* name) { return pass<int>("fremovexattr", "fremovexattr", file, name); }
+ssize_t sendfile(int to, int from, off_t* offset, size_t size) {
+    if (action != Action::off) written = to;
+    if (action == Action::shorten && size > 100) size = 100;
+    return pass<ssize_t>("sendfile", "sendfile", to, from, offset, size);
+}
+int sync_file_range(int file, off64_t offset, off64_t size, unsigned flags) {
+    return pass<int>("sync_file_range", "sync_file_range", file, offset, size, flags);
+}
 int unlinkat(int directory, const char* path, int flags) {
     return pass<int>("unlinkat", "unlinkat", directory, path, flags);
 }
 int renameat(int from, const char* old_path, int to, const char* new_path) {
     return pass<int>("renameat", "renameat", from, old_path, to, new_path);
 }
-ssize_t readlink(const char* path, char* text, size_t size) {
-    return pass<ssize_t>("readlink", "readlink", path, text, size);
+ssize_t readlinkat(int directory, const char* path, char* text, size_t size) {
+    return pass<ssize_t>("readlinkat", "readlinkat", directory, path, text, size);
 }
 ssize_t getrandom(void* bytes, size_t size, unsigned flags) {
     if (action == Action::predict && due()) return static_cast<ssize_t>(std::memset(bytes, 0, size) ? size : 0);

@@ -6,9 +6,11 @@ cases there and may crash. A fault is armed before one call and disarmed after i
 
 import contextlib
 import ctypes
+import errno
 import itertools
 import os
 import shutil
+import stat
 import subprocess
 import sys
 import tempfile
@@ -27,14 +29,14 @@ LONG = "JSON_DATABASE_LONG" in os.environ
 LIBRARY = os.environ.get("JSON_DATABASE_FAULT_LIBRARY")
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "") or "rt.asan" in os.environ.get("LD_PRELOAD", "")
 PATH = "database.json"
+BASE = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 
 
 class FaultTest(unittest.TestCase):
     def in_child(self, function, *arguments, least=1, through=()):
         """Fails unless the function tries at least so many cases, and each of them ends as it must."""
         call = f"{function.__name__}, *{arguments}"
-        fast_disk = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-        with tempfile.TemporaryDirectory(dir=fast_disk) as folder:
+        with tempfile.TemporaryDirectory(dir=BASE) as folder:
             data, output, errors = (os.path.join(folder, name) for name in ("data", "output", "errors"))
             os.mkdir(data)
             code = f"import fault_support as s, {function.__module__} as t; s.run_cases({least}, t.{call})"
@@ -200,11 +202,18 @@ def saved(db):
     return read(db.filename)
 
 
-SHAPES = ("plain", "missing", "link", "private") + (("owned",) if os.getuid() == 0 else ())
+SHAPES = ("plain", "missing", "link", "private", *["owned"] * (os.getuid() == 0))
+
+
+def lack(calls="", error=errno.EOPNOTSUPP):
+    """From now on the system answers these calls with the error; without calls it has them all."""
+    library.fault_lack(calls.encode(), error)
 
 
 def reset(content, shape="plain"):
     """Empties the folder and puts a file of the given shape there."""
+    if library:
+        lack()
     for entry in os.scandir():
         shutil.rmtree(entry) if entry.is_dir(follow_symlinks=False) else os.unlink(entry)
     os.mkdir("sub")
@@ -300,15 +309,23 @@ class SystemFault(Fault):
         return failed and not self.overcome()
 
     def overcome(self):
-        action, first, _, _ = self.plan
-        # Nothing was written through a descriptor that is merely released; a save may begin anew or try another name.
-        return (action != FAIL or not self.hit or self.names[first - 1] == "release"
-                or not {"stat", "getrandom"}.isdisjoint(self.names[first:]))
+        action, first, _, number = self.plan
+        if action != FAIL or not self.hit:
+            return True
+        call, later = self.names[first - 1], self.names[first:]
+        # Nothing was written through a descriptor that is merely released; a save may begin anew, or try another name.
+        return (call in DISPENSABLE or number == errno.EPERM and call in DISPENSABLE_RIGHTS or "fstatat" in later
+                or number == errno.EEXIST and call == "openat" and "getrandom" in later)
+
+
+# What a save does without, and what it does without where that is not granted: rights are narrowed then.
+DISPENSABLE = {"release", "faccessat", "getrandom", "sync_file_range"}
+DISPENSABLE_RIGHTS = {"fchown", "fchmod"}
 
 
 def judge(db, name, fault, got, error, before, after):
     """A call under a fault must end as it may: with memory and file wholly the old or the new ones."""
-    (old_memory, old_file, old_listing), (expected, new_memory, new_file, new_listing) = before, after
+    (old_memory, old_file, old_listing, old_mode), (expected, new_memory, new_file, new_listing) = before, after
     if got == expected:
         assert fault.overcome(), "a failure was passed over"
     else:
@@ -317,6 +334,7 @@ def judge(db, name, fault, got, error, before, after):
     assert "locked" not in fault.names, "other threads wait for the disk"
     content = read()
     assert content in (old_file, new_file), f"file holds {content[:300]}"
+    assert not old_mode or stat.S_IMODE(os.stat(PATH).st_mode) & ~old_mode == 0, oct(os.stat(PATH).st_mode)
     if got == expected:
         assert (memory(db), content) == (new_memory, new_file), f"half done: {memory(db)!s:.500}"
     elif name not in PARTIAL:
@@ -332,7 +350,7 @@ def old_and_new(name, shape):
     reset(b"")
     content = saved(fresh())
     reset(content, shape)
-    before = memory(fresh()), read(), listing()
+    before = memory(fresh()), read(), listing(), os.path.exists(PATH) and stat.S_IMODE(os.stat(PATH).st_mode)
     undisturbed = fresh()
     expected, _ = outcome(OPERATIONS[name], undisturbed)
     return content, before, (expected, memory(undisturbed), read(), listing())

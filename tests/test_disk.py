@@ -20,7 +20,7 @@ LEFT_OVER = r"\./(sub/)?\.json_database-[0-9a-f]+\.tmp"
 def system_calls(cases, names):
     for name, shape in itertools.product(names, SHAPES):
         sweep(cases, name, lambda n: (
-            *(SystemFault(FAIL, n + 1, error=error) for error in (errno.ENOSPC, errno.EEXIST)),
+            *(SystemFault(FAIL, n + 1, error=error) for error in (errno.ENOSPC, errno.EEXIST, errno.EPERM)),
             *(SystemFault(action, n + 1, n + more) for action in (SHORTEN, INTERRUPT) for more in (1, 3))), shape=shape)
 
 
@@ -41,7 +41,7 @@ def kills(cases, names):
     """Also: what is left behind was at no moment more accessible than the file."""
     os.umask(0o022)
     for name, shape in itertools.product(names, SHAPES):
-        content, (_, old, before), (_, _, new, _) = old_and_new(name, shape)
+        content, (_, old, before, _), (_, _, new, _) = old_and_new(name, shape)
         for step in itertools.count(2):
             number, action = step // 2, (KILL_BEFORE, KILL_AFTER)[step % 2]
             reset(content, shape)

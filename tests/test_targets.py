@@ -2,17 +2,19 @@
 
 import ctypes
 import errno
+import fcntl
 import os
 import pathlib
 import resource
 import shutil
+import signal
 import stat
 import subprocess
 import sys
 import unittest
 
 from fault_support import (
-    OPERATIONS, PATH, FaultTest, disagreement, fresh, listing, old_and_new, outcome, read, reset, saved)
+    FAIL, LIBRARY, OPERATIONS, PATH, FaultTest, SystemFault, disagreement, fresh, lack, listing, old_and_new, outcome, read, reset, saved)
 from support import DatabaseTest, unique
 from test_hostile_objects import misbehave
 
@@ -73,7 +75,7 @@ def targets(cases):
 
 
 def ordinary_user(cases):
-    """Also: what was another group's may not be given to this one."""
+    """Also: what was another group's may not be given to this one, nor what the others had to that group."""
     reset(b"")
     content = saved(fresh())
     modes = {"protected": 0o444, "sub/in a protected folder": 0o666, "narrow": 0o662, "wide": 0o646}
@@ -81,6 +83,10 @@ def ordinary_user(cases):
         with open(path, "wb") as file:
             file.write(content)
         os.chmod(path, mode)
+    os.mkdir("sticky", 0o777)
+    shutil.copy("narrow", "sticky/theirs")
+    os.chmod("sticky/theirs", 0o666)
+    os.chmod("sticky", 0o1777)
     lose_rights()
     for path, mode in modes.items():
         with cases(path):
@@ -90,10 +96,48 @@ def ordinary_user(cases):
             assert listing() == before
             if "protected" in path:
                 assert (type(error), error.filename, read(path)) == (PermissionError, path, content), error
+                assert ("directory" in error.strerror) == ("folder" in path), error
                 continue
             now = os.stat(path)
-            assert error is None and read(path) != content and now.st_mode & 0o007 == mode & 0o007, error
-            assert now.st_gid == had.st_gid or now.st_mode & 0o070 & ~((mode & 0o007) << 3) == 0, oct(now.st_mode)
+            assert error is None and read(path) != content, error
+            both = mode >> 3 & mode & 0o007
+            assert now.st_gid == had.st_gid and now.st_mode & 0o077 == mode & 0o077 or (
+                now.st_mode & 0o077 == both << 3 | both), oct(now.st_mode)
+    with cases("another's file in a sticky folder"):
+        db, before = fresh(), listing()
+        db.filename = "sticky/theirs"
+        _, error = outcome(OPERATIONS["insert"], db)
+        assert (error.errno, error.filename, listing()) == (errno.EPERM, "sticky/theirs", before), error
+        assert "directory" in error.strerror, error
+    with cases("a folder that may not be read"):
+        os.mkdir("unreadable", 0o300)
+        for shape in ("missing", "existing"):
+            fault, db = SystemFault(FAIL, 0), fresh()
+            db.filename = "unreadable/new.json"
+            assert outcome(db.save, fault=fault)[1] is None and read(db.filename) == content
+            after_renaming = fault.names[fault.names.index("renameat"):]
+            assert after_renaming == ["renameat", "fsync", "close", "release"], (shape, after_renaming)
+            os.chmod("unreadable", 0o300)
+
+
+def lacking(cases):
+    """What the system has no call for is done without it, and completely."""
+    for shape, calls, errors in (
+            ("plain", "getrandom", (errno.ENOSYS, errno.EPERM, errno.EAGAIN)), ("plain", "faccessat", (errno.EPERM,)),
+            ("private", "fchmod", (errno.EIO,)),
+            ("owned", "fchown", (errno.EINVAL, errno.ENOSYS, errno.EOPNOTSUPP))):
+        if shape == "owned" and os.getuid() != 0:
+            continue
+        for number in errors:
+            with cases(shape, calls, errno.errorcode[number]):
+                _, (_, content, before, mode), (_, _, new, _) = old_and_new("insert", shape)
+                reset(content, shape)
+                lack(calls, number)
+                _, error = outcome(OPERATIONS["insert"], fresh())
+                lack()
+                assert (error, read(), listing()) == (None, new, before), error
+                now = stat.S_IMODE(os.stat(PATH).st_mode)
+                assert now == mode or calls == "fchown" and now & ~mode == 0, oct(now)
 
 
 def mounted(cases):
@@ -153,6 +197,30 @@ class Targets(DatabaseTest):
                 os.remove(path)
                 self.assertEqual(os.listdir(self.folder), ["database.json"])
 
+    def test_links_of_more_than_a_path(self):
+        folders = [str(number) * 200 for number in range(9)]
+        descriptors = [os.open(self.folder, os.O_RDONLY)]
+        for folder in folders * 3:
+            os.mkdir(folder, dir_fd=descriptors[-1])
+            descriptors.append(os.open(folder, os.O_RDONLY, dir_fd=descriptors[-1]))
+        os.symlink("/".join([*folders, "..", *folders[-1:], "end"]), "link", dir_fd=descriptors[18])
+        with open(os.open("end", os.O_RDWR | os.O_CREAT, dir_fd=descriptors[-1]), "rb") as file:
+            self.db.filename = self.at(*folders * 2, "link")
+            self.db.save()
+            self.assertEqual(file.read(), b"")  # replaced, not written
+        self.assertEqual(self.read(self.db.filename), self.content)
+        for descriptor in descriptors:
+            self.assertEqual(set(os.listdir(descriptor)) - {*folders, "link", "end", "database.json"}, set())
+            os.close(descriptor)
+
+    def test_old_file_is_not_opened(self):
+        self.addCleanup(signal.signal, signal.SIGIO, signal.signal(signal.SIGIO, signal.SIG_IGN))
+        with open(self.path, "rb") as file:
+            fcntl.fcntl(file, fcntl.F_SETLEASE, fcntl.F_RDLCK)
+            self.db.save()
+            self.assertEqual(fcntl.fcntl(file, fcntl.F_GETLEASE), fcntl.F_RDLCK)
+            self.assertEqual(os.fstat(file.fileno()).st_nlink, 0)
+
     def test_impossible_targets_fail_as_opening_does(self):
         for target, link in (("loop", "loop"), ("missing/target", "far"), (".", "here")):
             os.symlink(target, self.at(link))
@@ -183,6 +251,11 @@ class TargetsUnderFaults(FaultTest):
     def test_targets(self):
         self.in_child(targets, least=10)
 
+    @unittest.skipUnless(LIBRARY, "no library to preload was built")
+    def test_lacking_calls(self):
+        self.in_child(lacking)
+
+    @unittest.skipUnless(LIBRARY, "no library to preload was built")
     @unittest.skipUnless(os.getuid() == 0, "only root can become another user")
     def test_ordinary_user(self):
         self.in_child(ordinary_user, least=4)
