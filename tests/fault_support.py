@@ -11,6 +11,7 @@ import itertools
 import os
 import shutil
 import stat
+import struct
 import subprocess
 import sys
 import tempfile
@@ -202,7 +203,31 @@ def saved(db):
     return read(db.filename)
 
 
-SHAPES = ("plain", "missing", "link", "private", *["owned"] * (os.getuid() == 0))
+ACCESS, DEFAULT = "system.posix_acl_access", "system.posix_acl_default"
+
+
+def access_list(*entries):
+    """Of (tag, rights) or (tag, rights, id), in the order of the tags."""
+    tags = {"owner": 1, "user": 2, "owning group": 4, "group": 8, "mask": 16, "others": 32}
+    return struct.pack("<I", 2) + b"".join(
+        struct.pack("<HHI", tags[tag], rights, *number or (2 ** 32 - 1,)) for tag, rights, *number in entries)
+
+
+LISTED = access_list(("owner", 6), ("user", 4, 1), ("owning group", 0), ("mask", 4), ("others", 0))
+
+
+def can_list():
+    with tempfile.NamedTemporaryFile(dir=BASE) as file:
+        try:
+            os.setxattr(file.fileno(), ACCESS, LISTED)
+        except OSError:
+            return False
+    return True
+
+
+CAN_LIST = can_list()
+SHAPES = ("plain", "missing", "link", "private", *["listed"] * CAN_LIST,
+          *["owned"] * (os.getuid() == 0))
 
 
 def lack(calls="", error=errno.EOPNOTSUPP):
@@ -225,6 +250,8 @@ def reset(content, shape="plain"):
         os.chmod(PATH, 0o600 if shape == "private" else 0o640)
     if shape == "owned":
         os.chown(PATH, 1, 2)
+    if shape == "listed":
+        os.setxattr(PATH, ACCESS, LISTED)
 
 
 def dumped(db):
@@ -319,8 +346,8 @@ class SystemFault(Fault):
 
 
 # What a save does without, and what it does without where that is not granted: rights are narrowed then.
-DISPENSABLE = {"release", "faccessat", "getrandom", "sync_file_range"}
-DISPENSABLE_RIGHTS = {"fchown", "fchmod"}
+DISPENSABLE = {"release", "faccessat", "getrandom", "getxattr", "fgetxattr", "sync_file_range"}
+DISPENSABLE_RIGHTS = {"fchown", "fchmod", "fsetxattr", "fremovexattr"}
 
 
 def judge(db, name, fault, got, error, before, after):

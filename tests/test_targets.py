@@ -1,8 +1,10 @@
-"""What a file name may lead to: links, modes, owners, devices, mounts."""
+"""What a file name may lead to: links, modes, owners, access control lists, devices, mounts."""
 
+import contextlib
 import ctypes
 import errno
 import fcntl
+import itertools
 import os
 import pathlib
 import resource
@@ -14,7 +16,8 @@ import sys
 import unittest
 
 from fault_support import (
-    FAIL, LIBRARY, OPERATIONS, PATH, FaultTest, SystemFault, disagreement, fresh, lack, listing, old_and_new, outcome, read, reset, saved)
+    ACCESS, CAN_LIST, DEFAULT, FAIL, LIBRARY, LISTED, OPERATIONS, PATH, FaultTest, SystemFault, access_list, disagreement,
+    fresh, lack, listing, old_and_new, outcome, read, reset, saved)
 from support import DatabaseTest, unique
 from test_hostile_objects import misbehave
 
@@ -120,13 +123,82 @@ def ordinary_user(cases):
             os.chmod("unreadable", 0o300)
 
 
+# Who uses the file of user 1001 and group 2001, by user, group and further groups.
+PERSONS = {"owner": (1001, 3001, [2001]), "group": (1002, 2001, []), "named user": (1003, 3003, []),
+           "named group": (1004, 2004, []), "shut out": (1005, 3005, []), "stranger": (1006, 3006, [])}
+LISTS = {
+    "named user": access_list(("owner", 6), ("user", 6, 1003), ("owning group", 0), ("mask", 6), ("others", 0)),
+    "named group": access_list(("owner", 6), ("owning group", 0), ("group", 4, 2004), ("mask", 4), ("others", 0)),
+    "mask": access_list(("owner", 6), ("user", 6, 1003), ("owning group", 6), ("mask", 4), ("others", 0)),
+    "a person shut out": access_list(("owner", 6), ("user", 6, 1003), ("user", 0, 1005), ("owning group", 4),
+                                     ("mask", 6), ("others", 4)),
+    "all but one": access_list(("owner", 6), ("user", 6, 1003), ("owning group", 0), ("mask", 6), ("others", 6)),
+}
+GENEROUS = access_list(("owner", 7), ("user", 7, 1005), ("owning group", 7), ("group", 7, 2004), ("mask", 7), ("others", 7))
+REFUSED = ("", "fsetxattr", "fremovexattr", "getxattr", "getxattr fgetxattr", "fchown", "fchown fsetxattr fchmod")
+
+
+@contextlib.contextmanager
+def acting_as(user, group, groups):
+    os.setgroups(groups)
+    os.setegid(group)
+    os.seteuid(user)
+    try:
+        yield
+    finally:
+        os.seteuid(0)
+        os.setegid(0)
+        os.setgroups([])
+
+
+def granted(path):
+    """What each person can open the file for."""
+    rights = {}
+    for person, ids in PERSONS.items():
+        with acting_as(*ids):
+            rights[person] = {access for access in (os.O_RDONLY, os.O_WRONLY)
+                              if outcome(lambda: os.close(os.open(path, access)))[1] is None}
+    return rights
+
+
+def access_rights(cases):
+    """Whoever saves, and whatever the system doesn't grant: nobody else can do more with the file than before."""
+    os.umask(0o077)
+    content, *_ = old_and_new("save", "plain")
+    for (name, rights), default, refused, saver in itertools.product(
+            [*LISTS.items(), ("no list", 0o640), ("the group shut out", 0o604)], (None, GENEROUS), REFUSED,
+            ("root", "owner", "named user")):
+        with cases(name, default and "default list", refused, saver):
+            reset(content)
+            os.chmod(".", 0o777)
+            os.chown(PATH, 1001, 2001)
+            os.chmod(PATH, 0o600 if isinstance(rights, bytes) else rights)
+            if isinstance(rights, bytes):
+                os.setxattr(PATH, ACCESS, rights)
+            before, db = granted(PATH), fresh()
+            os.setxattr(".", DEFAULT, default) if default else outcome(os.removexattr, ".", DEFAULT)
+            lack(refused, errno.EPERM)
+            with acting_as(*PERSONS.get(saver, (0, 0, []))):
+                _, error = outcome(OPERATIONS["insert"], db)
+            lack()
+            after = granted(PATH)
+            if os.O_WRONLY not in before.get(saver, {os.O_WRONLY}):
+                assert isinstance(error, PermissionError) and after == before, (error, before, after)
+                continue
+            assert error is None and read() != content, error
+            gained = {person for person in PERSONS if person != saver and not after[person] <= before[person]}
+            assert not gained, (gained, before, after)
+            if saver != "named user" and refused in ("", "getxattr"):
+                assert after == before and os.stat(PATH).st_uid == 1001, (before, after)
+
+
 def lacking(cases):
     """What the system has no call for is done without it, and completely."""
     for shape, calls, errors in (
             ("plain", "getrandom", (errno.ENOSYS, errno.EPERM, errno.EAGAIN)), ("plain", "faccessat", (errno.EPERM,)),
-            ("private", "fchmod", (errno.EIO,)),
+            ("private", "fchmod", (errno.EIO,)), ("listed", "getxattr", (errno.ENOENT, errno.EACCES)),
             ("owned", "fchown", (errno.EINVAL, errno.ENOSYS, errno.EOPNOTSUPP))):
-        if shape == "owned" and os.getuid() != 0:
+        if shape == "listed" and not CAN_LIST or shape == "owned" and os.getuid() != 0:
             continue
         for number in errors:
             with cases(shape, calls, errno.errorcode[number]):
@@ -138,6 +210,7 @@ def lacking(cases):
                 assert (error, read(), listing()) == (None, new, before), error
                 now = stat.S_IMODE(os.stat(PATH).st_mode)
                 assert now == mode or calls == "fchown" and now & ~mode == 0, oct(now)
+                assert shape != "listed" or os.getxattr(PATH, ACCESS) == LISTED
 
 
 def mounted(cases):
@@ -254,6 +327,12 @@ class TargetsUnderFaults(FaultTest):
     @unittest.skipUnless(LIBRARY, "no library to preload was built")
     def test_lacking_calls(self):
         self.in_child(lacking)
+
+    @unittest.skipUnless(LIBRARY, "no library to preload was built")
+    @unittest.skipUnless(os.getuid() == 0, "only root can become another user")
+    @unittest.skipUnless(CAN_LIST, "the file system has no access control lists")
+    def test_access_rights(self):
+        self.in_child(access_rights)
 
     @unittest.skipUnless(LIBRARY, "no library to preload was built")
     @unittest.skipUnless(os.getuid() == 0, "only root can become another user")

@@ -1,9 +1,10 @@
-// Order: owner and group, since these decide whom the mode is for; then the mode. Whatever fails, the new file is not
-// more open than the old one was.
+// Order: owner and group, since these decide whom the rest is for; then the list, which would change a mode already
+// set; then the mode. Whatever fails, the new file is not more open than the old one was.
 #include "persistence/access_rights.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "persistence/system_call.h"
@@ -11,11 +12,40 @@
 namespace jdb::persistence {
 namespace {
 
+constexpr const char* kListName = "system.posix_acl_access";
+
 struct AccessRights {
     struct stat status {};
+    std::string list;  // the access control list, as the system hands it out; empty without one
+    bool list_known = false;
 
     [[nodiscard]] mode_t mode() const { return status.st_mode & 07777U; }
 };
+
+// An access control list has a head and entries of a tag, rights and an id, each number with its lowest byte first.
+enum Tag : char { owner = 0x01, owning_group = 0x04, others = 0x20 };
+
+template <class Visit>
+void visit_entries(std::string& list, Visit visit) {
+    constexpr std::size_t head = 4;
+    constexpr std::size_t entry = 8;
+    for (std::size_t at = head; at + entry <= list.size(); at += entry) visit(list[at], list[at + 2]);
+}
+
+// Whether the file has no list because nothing there has one.
+bool without_list(int error) { return error == ENODATA || error == EOPNOTSUPP || error == ENOSYS; }
+
+// Reads the list by way of `get(buffer, size)`.
+template <class Get>
+void read_list(AccessRights& rights, Get get) {
+    Outcome read = run([&] { return get(nullptr, 0); });
+    if (read.error == 0) {
+        rights.list.resize(static_cast<std::size_t>(read.result));
+        read = run([&] { return get(rights.list.data(), rights.list.size()); });
+    }
+    rights.list.resize(read.error == 0 ? static_cast<std::size_t>(read.result) : 0);
+    rights.list_known = read.error == 0 || without_list(read.error);
+}
 
 int read_rights(int directory, const std::string& file, AccessRights& rights) {
     const auto open_as = [&](int access) {
@@ -28,13 +58,38 @@ int read_rights(int directory, const std::string& file, AccessRights& rights) {
     if (looked.error != 0) return looked.error;
     if (!S_ISREG(rights.status.st_mode)) return ELOOP;  // a link has come into its place, and is to stay one
 
+    const std::string link = "/proc/self/fd/" + std::to_string(old_file.number());
+    read_list(rights, [&](void* to, std::size_t size) { return getxattr(link.c_str(), kListName, to, size); });
+    if (rights.list_known) return 0;
+    // Without /proc the file has to be opened for this.
+    const Descriptor readable(open_as(O_RDONLY | O_NONBLOCK).result);
+    read_list(rights, [&](void* to, std::size_t size) { return fgetxattr(readable.number(), kListName, to, size); });
     return 0;
 }
 
 // The old group's members count among the others now, and others have come into the group: both get what both had.
 void narrow_to_strangers(AccessRights& rights) {
     mode_t both = (rights.status.st_mode >> 3U) & rights.status.st_mode & S_IRWXO;
-    rights.status.st_mode = (rights.status.st_mode & ~static_cast<mode_t>(S_IRWXG | S_IRWXO)) | (both << 3U) | both;
+    visit_entries(rights.list, [&](char tag, char allowed) {
+        if (tag == Tag::owning_group) both &= static_cast<mode_t>(allowed);
+    });
+    visit_entries(rights.list, [&](char tag, char& allowed) {
+        if (tag == Tag::owning_group || tag == Tag::others) allowed = static_cast<char>(both);
+    });
+    rights.status.st_mode = (rights.status.st_mode & ~static_cast<mode_t>(S_IRWXO)) | both;
+    if (rights.list.empty()) rights.status.st_mode &= ~static_cast<mode_t>(S_IRWXG) | (both << 3U);
+}
+
+// Whom the list named counts in the group or among the others now, and may be one whom it kept out; an unknown list
+// may have kept out anybody.
+void narrow_without_list(AccessRights& rights) {
+    mode_t everybody = rights.list_known ? rights.status.st_mode & S_IRWXO : 0;
+    visit_entries(rights.list, [&](char tag, char allowed) {
+        if (tag != Tag::owner) everybody &= static_cast<mode_t>(allowed);
+    });
+    const mode_t group = (rights.status.st_mode >> 3U) & everybody;
+    rights.status.st_mode =
+        (rights.status.st_mode & ~static_cast<mode_t>(S_IRWXG | S_IRWXO)) | (group << 3U) | everybody;
 }
 
 int give_owner_and_group(int new_file, AccessRights& rights) {
@@ -56,6 +111,21 @@ int give_owner_and_group(int new_file, AccessRights& rights) {
     return 0;
 }
 
+int give_list(int new_file, AccessRights& rights) {
+    Outcome given{0, rights.list_known ? 0 : EPERM};
+    if (!rights.list.empty()) {
+        given = run([&] { return fsetxattr(new_file, kListName, rights.list.data(), rights.list.size(), 0); });
+    }
+    // The directory may have given the new file a list of its own.
+    if (rights.list.empty() || given.error != 0) {
+        const Outcome removed = run([&] { return fremovexattr(new_file, kListName); });
+        if (given.error == 0 && !without_list(removed.error)) given = removed;
+    }
+    if (!refused(given.error)) return given.error;
+    narrow_without_list(rights);
+    return 0;
+}
+
 int give_mode(int new_file, const AccessRights& rights) {
     struct stat own {};
     const Outcome looked = run([&] { return fstat(new_file, &own); });
@@ -73,6 +143,7 @@ int take_over_access_rights(int directory, const std::string& file, int new_file
     int error = read_rights(directory, file, rights);
     if (error == ENOENT) return 0;
     if (error == 0) error = give_owner_and_group(new_file, rights);
+    if (error == 0) error = give_list(new_file, rights);
     if (error == 0) error = give_mode(new_file, rights);
     return error;
 }
