@@ -226,7 +226,8 @@ def can_list():
 
 
 CAN_LIST = can_list()
-SHAPES = ("plain", "missing", "link", "private", *["listed"] * CAN_LIST,
+# What lies there before, or which call the system lacks.
+SHAPES = ("plain", "missing", "link", "private", "unnamed", "linkat", *["listed"] * CAN_LIST,
           *["owned"] * (os.getuid() == 0))
 
 
@@ -238,7 +239,7 @@ def lack(calls="", error=errno.EOPNOTSUPP):
 def reset(content, shape="plain"):
     """Empties the folder and puts a file of the given shape there."""
     if library:
-        lack()
+        lack(shape if shape in ("unnamed", "linkat") else "")
     for entry in os.scandir():
         shutil.rmtree(entry) if entry.is_dir(follow_symlinks=False) else os.unlink(entry)
     os.mkdir("sub")
@@ -342,12 +343,12 @@ class SystemFault(Fault):
         call, later = self.names[first - 1], self.names[first:]
         # Nothing was written through a descriptor that is merely released; a save may begin anew, or try another name.
         return (call in DISPENSABLE or number == errno.EPERM and call in DISPENSABLE_RIGHTS or "fstatat" in later
-                or number == errno.EEXIST and call == "openat" and "getrandom" in later)
+                or number == errno.EEXIST and call in ("openat", "linkat") and "getrandom" in later)
 
 
 # What a save does without, and what it does without where that is not granted: rights are narrowed then.
-DISPENSABLE = {"release", "faccessat", "getrandom", "getxattr", "fgetxattr", "sync_file_range"}
-DISPENSABLE_RIGHTS = {"fchown", "fchmod", "fsetxattr", "fremovexattr"}
+DISPENSABLE = {"release", "unnamed", "faccessat", "getrandom", "getxattr", "fgetxattr", "sync_file_range"}
+DISPENSABLE_RIGHTS = {"fchown", "fchmod", "fsetxattr", "fremovexattr", "linkat"}
 
 
 def judge(db, name, fault, got, error, before, after):

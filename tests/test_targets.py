@@ -195,6 +195,7 @@ def access_rights(cases):
 def lacking(cases):
     """What the system has no call for is done without it, and completely."""
     for shape, calls, errors in (
+            ("plain", "unnamed", (errno.EISDIR, errno.ENOENT, errno.EINVAL)), ("plain", "linkat", (errno.ENOENT, errno.EPERM)),
             ("plain", "getrandom", (errno.ENOSYS, errno.EPERM, errno.EAGAIN)), ("plain", "faccessat", (errno.EPERM,)),
             ("private", "fchmod", (errno.EIO,)), ("listed", "getxattr", (errno.ENOENT, errno.EACCES)),
             ("owned", "fchown", (errno.EINVAL, errno.ENOSYS, errno.EOPNOTSUPP))):

@@ -1,10 +1,11 @@
-// Order: new file made in the old one's directory, text written, flushed, access rights taken over, renamed
+// Order: new file made in the old one's directory, text written, flushed, access rights taken over, name given, renamed
 // over the old file, new file and directory flushed. Up to the rename a failure leaves the old file byte for byte and
 // nothing of the new one; after it the new text is there and only its permanence in doubt.
 #include "persistence/replace_file.h"
 
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,7 +47,8 @@ const char* about_directory(int error, const char* remark) {
 // By way of the other constructor the object is complete from here on: what fails is cleaned up by the destructor.
 FileReplacement::FileReplacement(ReplaceTarget target) : FileReplacement() {
     target_ = std::move(target);
-    make_new_file();
+    // Some systems let a file without a name have more access rights than the process gives to new files.
+    if (!target_.exists || !make_without_name()) make_with_name();
 }
 
 FileReplacement::~FileReplacement() {
@@ -55,25 +57,38 @@ FileReplacement::~FileReplacement() {
     unlinkat(target_.directory.number(), new_name_.c_str(), 0);
 }
 
-void FileReplacement::make_new_file() {
+// Has the new file made, or its name given, under names of its own until one is free.
+template <class Make>
+Outcome FileReplacement::under_new_name(Make make) {
+    for (int tries = 0;; ++tries) {
+        std::string name = random_name();
+        const Outcome made = run([&] { return make(name.c_str()); });
+        if (made.error == EEXIST && tries < kMaxNames) continue;
+        if (made.error == 0) new_name_ = std::move(name);
+        return made;
+    }
+}
+
+// False where that is not to be had; a reason that stands in the way of any new file is met again by a named one.
+bool FileReplacement::make_without_name() {
+    const Outcome made =
+        run([&] { return openat(target_.directory.number(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, S_IRUSR | S_IWUSR); });
+    new_file_ = Descriptor(made.result);
+    return made.error == 0;
+}
+
+void FileReplacement::make_with_name() {
     // A first file gets what the process gives new files.
     const mode_t mode = target_.exists ? S_IRUSR | S_IWUSR : S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
-    int error = EEXIST;
-    for (int tries = 0; error == EEXIST && tries <= kMaxNames; ++tries) {
-        std::string name = random_name();
-        const Outcome made = run([&] {
-            return openat(target_.directory.number(), name.c_str(),
-                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-        });
-        error = made.error;
-        if (error != 0) continue;
-        new_file_ = Descriptor(made.result);
-        new_name_ = std::move(name);
-    }
-    if (error == 0) return;
+    const Outcome made = under_new_name([&](const char* name) {
+        return openat(target_.directory.number(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    });
+    new_file_ = Descriptor(made.result);
+    if (made.error == 0) return;
     // Without an old file `open` would fail here too, in the system's words.
-    const char* remark = target_.exists ? about_directory(error, "no new file can be made in its directory") : nullptr;
-    raise_os_error(error, target_.name, remark);
+    const char* remark =
+        target_.exists ? about_directory(made.error, "no new file can be made in its directory") : nullptr;
+    raise_os_error(made.error, target_.name, remark);
 }
 
 void FileReplacement::write(std::string_view bytes) {
@@ -93,8 +108,10 @@ void FileReplacement::commit() {
     flush();
     check(PyErr_CheckSignals());
     take_over_access_rights();
+    if (new_name_.empty()) give_name();
     rename();
-    // Commits the renaming, and the access rights, also in a directory that can't be flushed.
+    // A file system without a journal has no name counted for the file on its disk so far, and would lose it with the
+    // next power cut. Where there is a journal this commits the renaming, also in a directory that can't be flushed.
     flush();
     flush_directory();
     const int error = new_file_.close();
@@ -117,6 +134,31 @@ void FileReplacement::take_over_access_rights() {
     const int error =
         persistence::take_over_access_rights(target_.directory.number(), target_.file, new_file_.number());
     if (error != 0) raise_os_error(error, target_.name);
+}
+
+void FileReplacement::give_name() {
+    const std::string unnamed = "/proc/self/fd/" + std::to_string(new_file_.number());
+    const int error = under_new_name([&](const char* name) {
+                          return linkat(AT_FDCWD, unnamed.c_str(), target_.directory.number(), name, AT_SYMLINK_FOLLOW);
+                      }).error;
+    if (error == 0) return;
+    // There may be no /proc, and links may be forbidden.
+    if (error != ENOENT && !refused(error)) raise_os_error(error, target_.name);
+    copy_to_named_file();
+}
+
+void FileReplacement::copy_to_named_file() {
+    const Descriptor unnamed = std::move(new_file_);
+    make_with_name();
+    constexpr std::size_t much = std::size_t{1} << 30U;
+    off_t copied = 0;
+    for (;;) {
+        const Outcome sent = run([&] { return sendfile(new_file_.number(), unnamed.number(), &copied, much); });
+        if (sent.error != 0) raise_os_error(sent.error, target_.name);
+        if (sent.result == 0) break;
+    }
+    flush();
+    take_over_access_rights();
 }
 
 void FileReplacement::rename() {

@@ -8,10 +8,11 @@
 
 namespace jdb::persistence {
 
-// The new file while it is being written. Until `commit` has renamed it the old file is untouched, the new one is
-// closed to all but its owner, and going out of scope removes it. A first file, with nothing to replace, has the access
-// rights of any new file from the start. Each call may raise OSError, which names the database file; the GIL is
-// released while the disk works.
+// The new file while it is being written. Where the system has files without names it has one for the moment of the
+// renaming only, so that a killed process leaves nothing behind. Until `commit` has renamed it the old file is
+// untouched, the new one is closed to all but its owner, and going out of scope removes it. A first file, with nothing
+// to replace, has a name and the access rights of any new file from the start. Each call may raise OSError, which names
+// the database file; the GIL is released while the disk works.
 class FileReplacement {
 public:
     explicit FileReplacement(ReplaceTarget target);
@@ -27,11 +28,17 @@ public:
 
 private:
     FileReplacement() = default;
-    void make_new_file();
+    bool make_without_name();
+    void make_with_name();
+    void give_name();
+    void copy_to_named_file();
     void take_over_access_rights();
     void rename();
     void flush() const;
     void flush_directory() const;
+
+    template <class Make>
+    Outcome under_new_name(Make make);
 
     ReplaceTarget target_;
     std::string new_name_;  // empty while there is none to remove
