@@ -106,15 +106,17 @@ Ref read_bytes(PyObject* file) {
     const auto read = [&] { return call_method(file, names::read); };
     if (reinterpret_cast<PyObject*>(Py_TYPE(file)) != module_state.buffered_reader) return read();
     const Ref descriptor = call_method(file, names::fileno);
+    const long number = python(PyLong_AsLong, descriptor);
+    if (number == -1 && PyErr_Occurred() != nullptr) throw PythonError{};
     struct stat status {};
-    if (fstat(static_cast<int>(PyLong_AsLong(descriptor)), &status) != 0 || status.st_size < kLarge) return read();
+    if (fstat(static_cast<int>(number), &status) != 0 || status.st_size < kLarge) return read();
 
     Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, status.st_size));
     char* const start = PyBytes_AS_STRING(static_cast<PyObject*>(bytes));
     prefer_huge_pages(start, static_cast<std::size_t>(status.st_size));
     const Ref room = Ref::steal(python(PyMemoryView_FromMemory, start, status.st_size, PyBUF_WRITE));
     const Ref count = call_method(file, names::readinto, {room});
-    const Py_ssize_t got = PyLong_AsSsize_t(count);
+    const Py_ssize_t got = python(PyLong_AsSsize_t, count);
     if (got < 0) throw PythonError{};
     const Ref rest = read();
     if (got == status.st_size && length(rest) == 0) return bytes;
