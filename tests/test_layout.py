@@ -1,4 +1,7 @@
-"""Includes run one way: module, then the four topics side by side, then tables, then cpython310, then host."""
+"""What the sources may include, and how they call the interpreter.
+
+Includes run one way: module, then the four topics side by side, then tables, then cpython310, then host.
+"""
 
 import pathlib
 import re
@@ -8,6 +11,30 @@ SOURCES = pathlib.Path(__file__).resolve().parent.parent / "src"
 BELOW = {"host": set(), "cpython310": {"host"}, "tables": {"cpython310", "host"}}
 BELOW.update(dict.fromkeys(("display", "query", "persistence", "store"), {"tables", "cpython310", "host"}))
 BELOW["module"] = set(BELOW)
+
+# Functions of the C API that run no Python code whatever they are given, as far as they are used here.
+HARMLESS = re.compile(r"""Py_(TYPE|SIZE|SET_SIZE|X?INCREF|LeaveRecursiveCall|GetVersion)
+    | Py\w+_(Check|CheckExact|AS_\w+|GET_\w+|SET_ITEM|IS_\w+|HasFeature|IsSubtype|IsValid|NARGS)
+    | PyUnicode_(KIND|DATA|[124]BYTE_DATA|New|Compare|AsUTF8|FromFormatV?|InternInPlace|InternFromString)
+    | PyLong_(From(Ssize_t|LongLong)|AsUnsignedLong|AsSsize_t|AsLongLongAndOverflow) | PyNumber_AsSsize_t
+    | PyFloat_FromDouble | PyBytes_FromStringAndSize | PyMem_RawRealloc | PyMem_RawFree
+    | PyList_(Append|Insert) | _?PyDict_Next | PyFunction_GetDefaults | PyModule_GetDict | PyCapsule_GetPointer
+    | PyErr_(Occurred|ExceptionMatches|Fetch) | PyException_SetTraceback | PyGC_(En|Dis)able | PyObject_GC_(Track|IsTracked)
+    | PyObject_[GS]etArenaAllocator | _PyObject_GetDictPtr | _PyType_Lookup | PySys_GetObject | PyThreadState_Get
+    | PyEval_GetBuiltins | PyInterpreterState_Get(Dict)? | PyModuleDef_Init | PyInit_\w+""", re.VERBOSE)
+OWN_WAY = {"exit.h", "ref.h", "replace_file.cpp"}  # these see to it by themselves
+
+
+class Calls(unittest.TestCase):
+    def test_a_thread_may_rest_where_python_code_may_run(self):
+        """Such calls go through python(), and stand in no catch block."""
+        wrong = []
+        for file in sorted(SOURCES.glob("**/*.[ch]*")):
+            text = re.sub(r"//.*|(?<!include )\"[^\"\n]*\"", "", file.read_text())
+            wrong += [f"{file.name}: {name}" for name in re.findall(r"\b(_?Py[A-Z]?\w*_\w+)\(", text)
+                      if not HARMLESS.fullmatch(name) and file.name not in OWN_WAY]
+            wrong += [file.name] if "catch (" in text and file.name not in {"error.h", *OWN_WAY} else []
+        self.assertEqual(wrong, [])
 
 
 class Includes(unittest.TestCase):

@@ -51,7 +51,7 @@ Ref with_raising_body(PyObject* code) {
 Ref make_code(const Signature& signature, int line) {
     const char* name = PyUnicode_AsUTF8(signature.name);
     if (name == nullptr) throw PythonError{};
-    PyCodeObject* empty = PyCode_NewEmpty("<json_database>", name, line);
+    PyCodeObject* empty = python(PyCode_NewEmpty, "<json_database>", name, line);
     const Ref code = Ref::steal(reinterpret_cast<PyObject*>(empty));
     const Ref names = parameter_names(signature);
     const Ref count = integer(static_cast<Py_ssize_t>(signature.count));
@@ -73,9 +73,9 @@ Ref make_function(std::string_view class_name, const Method& method, int line, P
         Ref::steal(PyUnicode_FromFormat("%.200s.%U", std::string(class_name).c_str(), method.parsed->name));
     Ref function = Ref::steal(python(PyFunction_NewWithQualName, code, globals, qualified_name));
     const Ref defaults = make_defaults(method.signature);
-    if (defaults) check(PyFunction_SetDefaults(function, defaults));
+    if (defaults) check(python(PyFunction_SetDefaults, function, defaults));
     const Ref annotations = make_annotations(method.signature);
-    check(PyFunction_SetAnnotations(function, annotations));
+    check(python(PyFunction_SetAnnotations, function, annotations));
     std::string documentation(class_name);
     documentation.append(".").append(signature_line(method.signature));
     if (method.description != nullptr) documentation.append("\n\n").append(method.description);

@@ -3,6 +3,8 @@
 
 #include <cstdarg>
 
+#include "host/ref.h"
+
 namespace jdb {
 
 void raise(PyObject* type, const char* format, ...) {
@@ -12,7 +14,7 @@ void raise(PyObject* type, const char* format, ...) {
     va_end(arguments);
     if (message != nullptr) {
         python(PyErr_SetObject, type, message);
-        Py_DECREF(message);
+        drop(message);
     }
     throw PythonError{};
 }

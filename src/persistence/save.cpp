@@ -117,7 +117,7 @@ Ref save(PyObject* self) {
         output.discard();
     }
     const Ref text = dumped_text(json, tables);
-    const Ref bytes = Ref::steal(PyUnicode_AsUTF8String(text));
+    const Ref bytes = Ref::steal(python(PyUnicode_AsUTF8String, text));
     PyObject* whole = bytes;
     output.finish({PyBytes_AS_STRING(whole), static_cast<std::size_t>(PyBytes_GET_SIZE(whole))});
     return Ref::none();
