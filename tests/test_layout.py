@@ -17,12 +17,12 @@ HARMLESS = re.compile(r"""Py_(TYPE|SIZE|SET_SIZE|X?INCREF|LeaveRecursiveCall|Get
     | Py\w+_(Check|CheckExact|AS_\w+|GET_\w+|SET_ITEM|IS_\w+|HasFeature|IsSubtype|IsValid|NARGS)
     | PyUnicode_(KIND|DATA|[124]BYTE_DATA|New|Compare|AsUTF8|FromFormatV?|InternInPlace|InternFromString)
     | PyLong_(From(Ssize_t|LongLong)|AsUnsignedLong|AsSsize_t|AsLongLongAndOverflow) | PyNumber_AsSsize_t
-    | PyFloat_FromDouble | PyBytes_FromStringAndSize | PyMem_RawRealloc | PyMem_RawFree
+    | PyFloat_FromDouble | PyLong_(As|From)VoidPtr | PyBytes_FromStringAndSize | PyMem_(Calloc|RawRealloc|RawFree)
     | PyList_(Append|Insert) | _?PyDict_Next | PyFunction_GetDefaults | PyModule_GetDict | PyCapsule_GetPointer
     | PyErr_(Occurred|ExceptionMatches|Fetch) | PyException_SetTraceback | PyGC_(En|Dis)able | PyObject_GC_(Track|IsTracked)
     | PyObject_[GS]etArenaAllocator | _PyObject_GetDictPtr | _PyType_Lookup | PySys_GetObject | PyThreadState_Get
     | PyEval_GetBuiltins | PyInterpreterState_Get(Dict)? | PyModuleDef_Init | PyInit_\w+""", re.VERBOSE)
-OWN_WAY = {"exit.h", "ref.h", "replace_file.cpp"}  # these see to it by themselves
+OWN_WAY = {"exit.h", "ref.h", "system_call.h"}  # these see to it by themselves
 
 
 class Calls(unittest.TestCase):

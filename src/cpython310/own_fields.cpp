@@ -35,7 +35,7 @@ PyObject* plain_dict(PyObject* object) {
 }
 
 PyObject* look_up(PyObject* dict, PyObject* name) {
-    PyObject* found = PyDict_GetItemWithError(dict, name);
+    PyObject* found = python(PyDict_GetItemWithError, dict, name);
     if (found == nullptr && PyErr_Occurred() != nullptr) throw PythonError{};
     return found;
 }

@@ -33,12 +33,12 @@ Entry* entries_of(DictKeys* keys) {
 void* shared_look_up() {
     static void* const look_up = [] {
         const Ref name = new_text("SharesKeys");
-        const Ref bases = Ref::steal(PyTuple_New(0));
+        const Ref bases = Ref::steal(python(PyTuple_New, 0));
         const Ref attributes = new_dict();
         const Ref type = call(reinterpret_cast<PyObject*>(&PyType_Type), {name, bases, attributes});
         const Ref object = call(type, {});
         set_attribute(object, name, Py_None);
-        const Ref dict = Ref::steal(PyObject_GenericGetDict(object, nullptr));
+        const Ref dict = Ref::steal(python(PyObject_GenericGetDict, object, nullptr));
         return dict_values(dict) == nullptr ? nullptr : dict_keys(dict)->look_up;
     }();
     return look_up;
@@ -59,7 +59,7 @@ Ref make_shared_dict(PyObject* keys) {
 
     auto* values = static_cast<PyObject**>(PyMem_Calloc(most_entries(table), sizeof(PyObject*)));
     if (values == nullptr) {
-        PyErr_NoMemory();
+        python(PyErr_NoMemory);
         throw PythonError{};
     }
     Entry* const entries = entries_of(table);

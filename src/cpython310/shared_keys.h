@@ -16,7 +16,7 @@ Ref make_shared_dict(PyObject* keys);
 // while the collector is paused.
 template <class ValueAt>
 Ref copy_shared_dict(PyObject* shared, std::size_t count, ValueAt value_at) {
-    Ref copy = Ref::steal(PyDict_Copy(shared));
+    Ref copy = Ref::steal(python(PyDict_Copy, shared));
     PyObject* dict = copy;
     PyObject** values = dict_values(dict);
     bool may_form_cycles = false;
@@ -24,7 +24,7 @@ Ref copy_shared_dict(PyObject* shared, std::size_t count, ValueAt value_at) {
         PyObject* value = value_at(i);
         may_form_cycles = may_form_cycles || PyType_IS_GC(Py_TYPE(value)) != 0;
         Py_INCREF(value);
-        Py_DECREF(std::exchange(values[i], value));
+        drop(std::exchange(values[i], value));
     }
     if (may_form_cycles && PyObject_GC_IsTracked(dict) == 0) PyObject_GC_Track(dict);
     return copy;

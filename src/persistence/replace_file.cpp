@@ -14,6 +14,8 @@
 
 #include "persistence/access_rights.h"
 
+#include "host/object.h"
+
 namespace jdb::persistence {
 namespace {
 
@@ -106,7 +108,7 @@ void FileReplacement::write(std::string_view bytes) {
 
 void FileReplacement::commit() {
     flush();
-    check(PyErr_CheckSignals());
+    check_signals();
     take_over_access_rights();
     if (new_name_.empty()) give_name();
     rename();

@@ -115,9 +115,9 @@ void refuse_unwritable(ReplaceTarget& target) {
 std::optional<ReplaceTarget> find_replace_target(PyObject* filename) {
     if (PyNumber_Check(filename) != 0) return std::nullopt;
     ReplaceTarget target;
-    target.name = Ref::steal(PyOS_FSPath(filename));
+    target.name = Ref::steal(python(PyOS_FSPath, filename));
     PyObject* encoded = nullptr;
-    if (PyUnicode_FSConverter(target.name, &encoded) == 0) throw PythonError{};
+    if (python(PyUnicode_FSConverter, target.name, &encoded) == 0) throw PythonError{};
     const Ref owned = Ref::steal(encoded);
     const std::string path(PyBytes_AS_STRING(encoded), static_cast<std::size_t>(PyBytes_GET_SIZE(encoded)));
 
@@ -126,7 +126,7 @@ std::optional<ReplaceTarget> find_replace_target(PyObject* filename) {
 
     if (!find_file(path, target)) return std::nullopt;
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-    check(PySys_Audit("open", "Osi", static_cast<PyObject*>(target.name), "w", flags));
+    check(python(PySys_Audit, "open", "Osi", static_cast<PyObject*>(target.name), "w", flags));
     if (target.exists) refuse_unwritable(target);
     return target;
 }

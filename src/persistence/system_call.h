@@ -10,12 +10,11 @@
 
 namespace jdb::persistence {
 
-// Lets other threads run while it lives. An interpreter that shuts down ends a thread that asks for the GIL again by
-// unwinding its stack; no Python object may be touched then, so such a thread rests here until the process is gone.
+// Lets other threads run while it lives.
 class GilReleased {
 public:
     GilReleased() noexcept : state_(PyEval_SaveThread()) {}
-    ~GilReleased();
+    ~GilReleased() { python(PyEval_RestoreThread, state_); }
     GilReleased(const GilReleased&) = delete;
     GilReleased& operator=(const GilReleased&) = delete;
 

@@ -52,8 +52,8 @@ void note_originals(PyObject* database_class) {
         Ref function = get_attribute(database_class, original.name);
         PyObject* defaults = PyFunction_GetDefaults(function);
         Py_XINCREF(defaults);
-        Py_XDECREF(std::exchange(original.defaults, defaults));
-        Py_XDECREF(std::exchange(original.function, function.release()));
+        drop(std::exchange(original.defaults, defaults));
+        drop(std::exchange(original.function, function.release()));
     }
 }
 

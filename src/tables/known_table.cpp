@@ -25,8 +25,8 @@ PyObject* forget(PyObject* address, PyObject* /*reference*/) {
 Ref forget_at_death(PyObject* table) {
     static PyMethodDef definition = {"forget", forget, METH_O, nullptr};
     const Ref address = Ref::steal(PyLong_FromVoidPtr(table));
-    const Ref callback = Ref::steal(PyCFunction_New(&definition, address));
-    PyObject* reference = PyWeakref_NewRef(table, callback);
+    const Ref callback = Ref::steal(python(PyCFunction_New, &definition, address));
+    PyObject* reference = python(PyWeakref_NewRef, table, callback);
     if (reference == nullptr && PyErr_ExceptionMatches(PyExc_TypeError) != 0) {
         python(PyErr_Clear);
         return {};
@@ -119,7 +119,7 @@ bool KnownTable::is_current(PyObject* table) const {
 
 Py_ssize_t KnownTable::position(PyObject* positions, PyObject* name) {
     assert(PyUnicode_CheckExact(name));
-    PyObject* found = PyDict_GetItemWithError(positions, name);
+    PyObject* found = python(PyDict_GetItemWithError, positions, name);
     if (found != nullptr) return PyLong_AsSsize_t(found);
     if (PyErr_Occurred() != nullptr) throw PythonError{};
     return -1;
@@ -127,11 +127,11 @@ Py_ssize_t KnownTable::position(PyObject* positions, PyObject* name) {
 
 RowDicts KnownTable::project(const std::vector<Ref>& names) const {
     std::vector<RowDicts::Entry> entries;
-    const Ref seen = Ref::steal(PySet_New(nullptr));
+    const Ref seen = Ref::steal(python(PySet_New, nullptr));
     for (const Ref& name : names) {
         const Py_ssize_t at = last(name);
-        if (at < 0 || check(PySet_Contains(seen, name)) != 0) continue;
-        check(PySet_Add(seen, name));
+        if (at < 0 || check(python(PySet_Contains, seen, name)) != 0) continue;
+        check(python(PySet_Add, seen, name));
         entries.push_back({name, at});
     }
     return RowDicts(std::move(entries));

@@ -19,7 +19,7 @@ Ref shared_dict(const std::vector<RowDicts::Entry>& entries) {
     Ref shared;
     const auto find_or_make = [&] {
         static PyObject* const known = new_dict().release();  // tuple of keys: dictionary
-        const Ref keys = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(entries.size())));
+        const Ref keys = Ref::steal(python(PyTuple_New, static_cast<Py_ssize_t>(entries.size())));
         Py_ssize_t count = 0;
         for (const RowDicts::Entry& entry : entries) {
             PyTuple_SET_ITEM(static_cast<PyObject*>(keys), count++, Ref(entry.key).release());
@@ -27,7 +27,7 @@ Ref shared_dict(const std::vector<RowDicts::Entry>& entries) {
         shared = find_item(known, keys);
         if (shared) return;
         shared = make_shared_dict(keys);
-        if (PyDict_GET_SIZE(known) >= kMaxShared) PyDict_Clear(known);
+        if (PyDict_GET_SIZE(known) >= kMaxShared) python(PyDict_Clear, known);
         if (shared) set_item(known, keys, shared);
     };
     if (!succeeds(find_or_make)) python(PyErr_Clear);  // there was no memory for it
