@@ -103,6 +103,7 @@ void FileReplacement::write(std::string_view bytes) {
         bytes.remove_prefix(static_cast<std::size_t>(written.result));
     }
     // The disk may begin while the rest of the text is being made; `commit` is what waits for it, and hears of errors.
+    // Without this an insert into 8.5 MB takes 1.15 to 1.2 times as long on an idle machine, as long on a busy one.
     run([&] { return sync_file_range(new_file_.number(), start, size, SYNC_FILE_RANGE_WRITE); });
 }
 
