@@ -186,7 +186,7 @@ ENDINGS = [
         "db.__class__ = Converting; db.select('t')", "db.insert('t', {'d': '2020-02-02'})", "refused(db.insert, 't', {'d': '2020-02-30'})",
         "refused(broken.load)")),
 ]
-# Each waits at its end for another thread that has not written everything yet, and whose import came later.
+# Each waits at its end for a thread that has not written everything yet, in a handler older than the module's import.
 QUEUES = [
     """
     import atexit, logging.handlers, queue
@@ -194,7 +194,6 @@ QUEUES = [
         db = None
         def emit(self, record):
             if self.db is None:
-                from talvern_client.utils.json_database import Column, JSONDatatable
                 self.db = JSONDatatable("database.json")
                 self.db.create_table("t", [Column("k", "number")])
             self.db.insert("t", {"k": record.getMessage()})
@@ -203,6 +202,7 @@ QUEUES = [
     log.addHandler(logging.handlers.QueueHandler(records))
     listener.start()
     atexit.register(listener.stop)
+    from talvern_client.utils.json_database import Column, JSONDatatable
     for number in range(60):
         log.warning(number)
     """,
@@ -210,13 +210,13 @@ QUEUES = [
     import atexit, queue, threading
     jobs = queue.Queue()
     def work():
-        from talvern_client.utils.json_database import Column, JSONDatatable
         db = JSONDatatable("database.json")
         db.create_table("t", [Column("k", "number")])
         while True:
             db.insert("t", {"k": jobs.get()})
             jobs.task_done()
     atexit.register(jobs.join)
+    from talvern_client.utils.json_database import Column, JSONDatatable
     threading.Thread(target=work, daemon=True).start()
     for number in range(60):
         jobs.put(number)
