@@ -265,7 +265,7 @@ def dumped(db):
 # ---- Faults --------------------------------------------------------------------------------------
 
 class Fault:
-    """`arm` and `disarm` run around a call. Then an error may be explained, or have been overcome without one."""
+    """`arm` and `disarm` run around a call. Then an error may be explained, or the fault have been overcome."""
 
     names = ()
 

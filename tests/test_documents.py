@@ -1,8 +1,8 @@
 """Every code block of the documents runs and prints what the document says.
 
-A `python` block runs in a folder and a namespace that it shares with its document's other blocks; what it prints is
-the `text` or `json` block that follows it, or nothing. A `console` block shows commands after "$ " and their output,
-and runs where its tools are installed. `sh` blocks are commands for developers; only their presets are checked.
+A `python` block runs in a folder and a namespace that it shares with its document's other blocks; what it prints
+is the `text` or `json` block that follows it, or nothing. A `console` block shows commands after "$ " and their
+output, and runs where its tools are installed. `sh` blocks are for developers; only their presets are checked.
 """
 
 import contextlib
@@ -71,7 +71,7 @@ class Documents(unittest.TestCase):
                 os.chdir(ROOT)
 
     def test_readme_shows_the_example(self):
-        """It runs as a program of its own, and again where its file is there and two more inserts are refused."""
+        """It runs as a program of its own, and once more: then its file is there, and refuses two inserts more."""
         example = ROOT / "examples/inventory.py"
         readme = blocks(DOCUMENTS[pathlib.Path("README.md")])
         code, (_, shown) = next(pair for pair in itertools.pairwise(readme) if pair[0][0] == "python")

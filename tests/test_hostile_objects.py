@@ -15,7 +15,7 @@ from support import JSONDatatable, module
 
 
 class Script:
-    """What hostile objects do when their methods are called: nothing wrong at first, then an action at each call."""
+    """What hostile objects do when they are called: nothing wrong at first, then an action at each call."""
 
     def set(self, db, action="raise", calls_before=1000):
         self.db, self.action, self.calls_before, self.calls, self.acting = db, action, calls_before, 0, False
@@ -60,7 +60,8 @@ ACTIONS = {
     "other indexes": lambda db: setattr(table(db), "indexes", {"k": [], "s": {"new": (1,), "b": 5}}),
     "clear tables": lambda db: db.tables.clear(),
     "drop": lambda db: (db.__dict__.clear(), gc.collect()),
-    **{name: OPERATIONS[name] for name in ("insert", "update", "clear_table", "_build_indexes", "save", "load")},
+    **{name: OPERATIONS[name]
+       for name in ("insert", "update", "clear_table", "_build_indexes", "save", "load")},
 }
 
 
