@@ -58,8 +58,8 @@ class FaultTest(unittest.TestCase):
             try:
                 return child.wait(10)
             except subprocess.TimeoutExpired:
-                case = read(errors)[-500:].decode(errors="replace").splitlines()[-1:]
-                print(f"{call}: at {''.join(case)}", file=sys.stderr, flush=True)
+                case = b"".join(read(errors).splitlines()[-1:])[:80].decode(errors="replace")
+                print(f"{call}: at {case}", file=sys.stderr, flush=True)
         child.kill()
         return child.wait()
 
