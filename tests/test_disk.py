@@ -102,13 +102,13 @@ class Disk(FaultTest):
     some = (*WRITING, "insert much") if LONG else ("insert", "insert much")
 
     def test_every_system_call(self):
-        self.in_child(system_calls, self.some, least=600)
+        self.in_child(system_calls, self.some, least=2000 if LONG else 600)
 
     def test_flushes(self):
         self.in_child(flushes, least=len(WRITING))
 
     def test_killed_at_every_system_call(self):
-        self.in_child(kills, self.some, least=200)
+        self.in_child(kills, self.some, least=700 if LONG else 200)
 
     def test_planted_names(self):
         self.in_child(planted, least=12)

@@ -90,7 +90,7 @@ def leaks(cases, times):
 class Memory(FaultTest):
     @unittest.skipUnless(_testcapi, "the interpreter has no _testcapi")
     def test_every_allocation(self):
-        self.in_child(allocations, 1 if LONG else 13, least=1000 if LONG else 100)
+        self.in_child(allocations, 1 if LONG else 13, least=800 if LONG else 70)
 
     @unittest.skipIf(SANITIZED, "the sanitizer has a malloc of its own")
     @unittest.skipUnless(LIBRARY, "no library to preload was built")
