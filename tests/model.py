@@ -177,21 +177,38 @@ def wrong_type(parameter, expected, value):
                      f"(expected {expected.__name__}, got {type(value).__name__:.200}){note}")
 
 
+def bind(name, parameters, defaults, args, kwargs):
+    """The arguments in parameter order."""
+    def count_error(limit, given):
+        how = "exactly" if not defaults else "at least" if given < limit else "at most"
+        plural = "" if limit == 1 else "s"
+        return TypeError(f"{name}() takes {how} {limit} positional argument{plural} ({given} given)")
+
+    if len(args) > len(parameters):
+        raise count_error(len(parameters), len(args))
+    bound = dict(zip(parameters, args))
+    for keyword, value in kwargs.items():
+        if keyword not in parameters:
+            raise TypeError(f"{name}() got an unexpected keyword argument '{keyword}'")
+        if keyword in bound:
+            raise TypeError(f"{name}() got multiple values for keyword argument '{keyword}'")
+        bound[keyword] = value
+    required = len(parameters) - len(defaults)
+    for position, parameter in enumerate(parameters):
+        if parameter not in bound and position < required:
+            raise count_error(required, position)
+    return {**dict(zip(parameters[required:], defaults)), **bound}
+
+
 def with_argument_checks(name):
     """The method behind binding, conversions and exact-type tests, as its annotations ask for them."""
     declared, method = getattr(literal.JSONDatatable, name), getattr(JSONDatatable, name)
-    signature = inspect.signature(declared)
+    parameters = list(inspect.signature(declared).parameters)
     kinds = {name: re.match(r"(?:(Optional)\[)?(\w+)", text).groups()
              for name, text in declared.__annotations__.items() if name != "return"}
 
     def checked(*args, **kwargs):
-        bound = None
-        with contextlib.suppress(TypeError):
-            bound = signature.bind(*args, **kwargs)
-        if bound is None:
-            raise TypeError("arguments that can't be bound")
-        bound.apply_defaults()
-        values = bound.arguments
+        values = bind(declared.__name__, parameters, declared.__defaults__ or (), args, kwargs)
         for name, (optional, kind) in kinds.items():
             if values[name] is None and optional:
                 continue

@@ -138,15 +138,13 @@ class Side:
         return repr(tables), self.db.filename, files
 
     def failure(self, error):
-        """Class and arguments. How a type is named in full and the note on a subclass are free wording, those of
-        binding are tested elsewhere; a string may be encoded whole or in pieces."""
+        """Class and arguments. How a type is named in full and the note on a subclass are free wording; a string
+        may be encoded whole or in pieces."""
         words = re.sub(r"(?<=got )\w+\.", "", repr(error.args).replace(self.module.__name__ + ".", ""))
         if isinstance(error, UnicodeEncodeError):
             words = error.object[error.start:error.end] + error.reason
         if "has incorrect type (expected" in words:
             words = words.split(". ")[0]
-        if re.match(r"\(.\w+\(\) (takes|got) ", words):
-            words = repr(("arguments that can't be bound",))
         handled = error.__context__ and self.failure(error.__context__)
         return type(error), words, error.__suppress_context__, handled
 
