@@ -121,7 +121,10 @@ def with_json_keys(indexes):
     result = {}
     for name, column_index in indexes.items():
         if isinstance(column_index, dict) and not all(is_json_key(value) for value in column_index):
-            column_index = {value if is_json_key(value) else str(value): ids for value, ids in column_index.items()}
+            named, column_index = column_index, {}
+            for value, ids in named.items():
+                key = value if is_json_key(value) else str(value)
+                column_index[key] = column_index.get(key, []) + ids
         result[name] = column_index
     return result
 

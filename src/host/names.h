@@ -28,7 +28,6 @@ namespace names {
 
 // Attributes of the database object and its records; they are the member names of the file as well.
 inline constinit Name filename{"filename"};
-inline constinit Name fileno{"fileno"};
 inline constinit Name tables{"tables"};
 inline constinit Name name{"name"};
 inline constinit Name columns{"columns"};
@@ -70,12 +69,14 @@ inline constinit Name boolean{"boolean"};
 
 // What is called on host objects and modules.
 inline constinit Name append{"append"};
+inline constinit Name class_{"__class__"};
 inline constinit Name close{"close"};
 inline constinit Name date{"date"};
 inline constinit Name dump{"dump"};
 inline constinit Name enter{"__enter__"};
 inline constinit Name exists{"exists"};
 inline constinit Name exit{"__exit__"};
+inline constinit Name flush{"flush"};
 inline constinit Name get{"get"};
 inline constinit Name getvalue{"getvalue"};
 inline constinit Name insert{"insert"};
@@ -83,11 +84,12 @@ inline constinit Name items{"items"};
 inline constinit Name ljust{"ljust"};
 inline constinit Name loads{"loads"};
 inline constinit Name match{"match"};
+inline constinit Name name_{"__name__"};
 inline constinit Name path{"path"};
 inline constinit Name read{"read"};
-inline constinit Name readinto{"readinto"};
 inline constinit Name register_{"register"};
 inline constinit Name remove{"remove"};
+inline constinit Name repr{"__repr__"};
 inline constinit Name strptime{"strptime"};
 inline constinit Name write{"write"};
 

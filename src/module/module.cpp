@@ -5,7 +5,7 @@
 #include "host/module_state.h"
 #include "module/methods.h"
 #include "module/records.h"
-#include "persistence/json_text.h"
+#include "persistence/json_writer.h"
 #include "tables/fields.h"
 
 namespace jdb {
@@ -80,30 +80,18 @@ void replace(PyObject*& slot, Ref value) {
 void bind_for_good(PyObject* module) {
     const Ref builtins = import("builtins");
     const Ref io = import("io");
-    const Ref gc = import("gc");
     replace(module_state.module, Ref::borrow(module));
     replace(module_state.globals, Ref::borrow(PyModule_GetDict(module)));
     replace(module_state.builtins, Ref::borrow(PyModule_GetDict(builtins)));
     replace(module_state.print, Ref::steal(PyObject_GetAttrString(builtins, "print")));
     replace(module_state.open, Ref::steal(PyObject_GetAttrString(io, "open")));
-    replace(module_state.string_io, Ref::steal(PyObject_GetAttrString(io, "StringIO")));
-    replace(module_state.buffered_reader, Ref::steal(PyObject_GetAttrString(io, "BufferedReader")));
     replace(module_state.bytes_io, Ref::steal(PyObject_GetAttrString(io, "BytesIO")));
     replace(module_state.text_io_wrapper, Ref::steal(PyObject_GetAttrString(io, "TextIOWrapper")));
-    replace(module_state.gc_collect, Ref::steal(PyObject_GetAttrString(gc, "collect")));
-    replace(module_state.gc_freeze, Ref::steal(PyObject_GetAttrString(gc, "freeze")));
-    replace(module_state.gc_unfreeze, Ref::steal(PyObject_GetAttrString(gc, "unfreeze")));
-    replace(module_state.gc_get_freeze_count, Ref::steal(PyObject_GetAttrString(gc, "get_freeze_count")));
     persistence::import_date_types();
 }
 
 void bind_names() {
-    const Ref json = bind_module("json");
-    replace(module_state.json, json);
-    replace(module_state.json_dump, get_attribute(json, names::dump));
-    replace(module_state.json_load, get_attribute(json, names::load));
-    const Ref nan_text = new_text("NaN");
-    replace(module_state.nan, call_method(json, names::loads, {nan_text}));
+    bind_module("json");
     bind_module("os");
     const Ref typing = import("typing");
     bind_from(typing, {"Dict", "List", "Optional", "Any", "Union"});

@@ -5,14 +5,17 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "host/module_state.h"
+#include "host/collector.h"
+#include "host/object.h"
 #include "persistence/json_bytes.h"
 
 namespace jdb::persistence {
@@ -41,27 +44,9 @@ public:
     explicit Texts(std::size_t document_size)
         : met_(std::clamp(std::bit_ceil(document_size / kBytesPerText), kFewest, kMost)) {}
 
-    // How often the texts of one place, a column's values say, had been met before.
-    class Habit {
-    public:
-        void count(bool met_before) { (met_before ? met_ : made_) += 1; }
-        // A column of texts that differ from row to row would only push the others' out of fast memory.
-        [[nodiscard]] bool repeats() const { return made_ < kTried || met_ > made_ / 8; }
-
-    private:
-        static constexpr unsigned kTried = 1U << 14U;
-        unsigned met_ = 0;
-        unsigned made_ = 0;
-    };
-
     // Texts as they stand in the document, without escapes; an empty Ref when one is not valid.
-    Ref value(std::string_view utf8, bool ascii, Habit& habit) {
-        if (utf8.size() > kLongest) return make(utf8, ascii);
-        if (!habit.repeats()) return make_and_keep(utf8, ascii);
-        const std::size_t known = kept_.size();
-        Ref text = short_text(utf8, ascii);
-        habit.count(known == kept_.size());
-        return text;
+    Ref value(std::string_view utf8, bool ascii) {
+        return utf8.size() > kLongest ? make(utf8, ascii) : short_text(utf8, ascii);
     }
     // The keys of a column's index are the column's texts, in the order in which the rows have them.
     Ref key(std::string_view utf8, bool ascii) {
@@ -147,43 +132,14 @@ private:
     std::size_t expected_ = 0;
 };
 
-// Finished values whose array is not.
-class Waiting {
-public:
-    Waiting() = default;
-    ~Waiting() {
-        for (PyObject* object : objects_) Py_DECREF(object);
-    }
-    Waiting(const Waiting&) = delete;
-    Waiting& operator=(const Waiting&) = delete;
-
-    [[nodiscard]] std::size_t size() const { return objects_.size(); }
-    void push(Ref object) {
-        objects_.push_back(object);
-        static_cast<void>(object.release());
-    }
-    // A list of those from `first` on, which wait no longer.
-    Ref pop_list(std::size_t first) {
-        const std::size_t count = objects_.size() - first;
-        Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(count)));
-        PyObject* object = list;
-        for (std::size_t i = 0; i < count; ++i)
-            PyList_SET_ITEM(object, static_cast<Py_ssize_t>(i), objects_[first + i]);
-        objects_.resize(first);
-        return list;
-    }
-
-private:
-    std::vector<PyObject*> objects_;  // owned
-};
-
 class Reader {
 public:
     // The zero byte behind the text ends every loop over its characters.
-    explicit Reader(std::string_view text) : at_(text.data()), end_(text.data() + text.size()), texts_(text.size()) {}
+    Reader(std::string_view text, PyObject* constants)
+        : at_(text.data()), end_(text.data() + text.size()), texts_(text.size()), constants_(constants) {}
 
     Ref document() {
-        Ref value = read_value(0, kColumns);
+        Ref value = read_value(0);
         skip_space();
         return at_ == end_ ? value : Ref{};
     }
@@ -206,47 +162,66 @@ private:
         at_ = at;
     }
 
-    Ref read_value(int depth, std::size_t column) {
-        signals_.step();
+    Ref read_value(int depth) {
+        check_signals();
         skip_space();
         switch (*at_) {
-            case '"':
-                return read_string(
-                    [&](std::string_view text, bool ascii) { return texts_.value(text, ascii, habits_[column]); });
+            case '"': return read_string([&](std::string_view text, bool ascii) { return texts_.value(text, ascii); });
             case '[': return depth < kSafeDepth ? read_array(depth) : Ref{};
             case '{': return depth < kSafeDepth ? read_object(depth) : Ref{};
             case 't': return take_word("true") ? Ref::boolean(true) : Ref{};
             case 'f': return take_word("false") ? Ref::boolean(false) : Ref{};
             case 'n': return take_word("null") ? Ref::none() : Ref{};
-            // One object for all, as json.load gives: dictionaries find a NaN by its identity only.
-            case 'N': return take_word("NaN") ? Ref::borrow(module_state.nan) : Ref{};
-            case 'I': return take_word("Infinity") ? make_float(HUGE_VAL) : Ref{};
+            case 'N': return read_constant("NaN");
+            case 'I': return read_constant("Infinity");
             default: return read_number();
         }
     }
 
-    // ---- Arrays and objects ----
-
-    void begin_rows() {
-        habits_ = {};
-        rows_texts_ = texts_.count();
+    // The object that json.load gives for the word, each time the same.
+    Ref read_constant(const char* word) {
+        if (!take_word(word)) return {};
+        const Ref name = new_text(word);
+        return find_item(constants_, name);
     }
+
+    // The handlers of signals are Python code.
+    void check_signals() {
+        if (++values_ % SignalCheck::kSteps != 0) return;
+        paused_.reset();
+        check(PyErr_CheckSignals());
+        paused_.emplace();
+    }
+
+    // ---- Arrays and objects ----
 
     Ref read_array(int depth) {
         ++at_;
-        if (depth == kRowsDepth) begin_rows();
+        if (depth == kRowsDepth) rows_texts_ = texts_.count();
         const std::size_t first = waiting_.size();
         skip_space();
         if (!take(']')) {
             do {
-                Ref item = read_value(depth + 1, std::min(waiting_.size() - first, kColumns - 1));
+                Ref item = read_value(depth + 1);
                 if (!item) return {};
-                waiting_.push(std::move(item));
+                waiting_.push_back(std::move(item));
                 skip_space();
             } while (take(','));
             if (!take(']')) return {};
         }
-        return waiting_.pop_list(first);
+        return pop_list(first);
+    }
+
+    // A list of the values that wait from `first` on.
+    Ref pop_list(std::size_t first) {
+        assert(first <= waiting_.size());
+        const std::size_t count = waiting_.size() - first;
+        Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(count)));
+        for (std::size_t i = 0; i < count; ++i) {
+            PyList_SET_ITEM(static_cast<PyObject*>(list), static_cast<Py_ssize_t>(i), waiting_[first + i].release());
+        }
+        waiting_.resize(first);
+        return list;
     }
 
     Ref read_object(int depth) {
@@ -262,7 +237,7 @@ private:
             if (!key) return {};
             skip_space();
             if (!take(':')) return {};
-            const Ref value = read_value(depth + 1, kColumns);
+            const Ref value = read_value(depth + 1);
             if (!value) return {};
             check(PyDict_SetItem(dict, key, value));
             skip_space();
@@ -382,7 +357,10 @@ private:
     Ref read_number() {
         const char* const start = at_;
         const bool negative = take('-');
-        if (next_is('I')) return negative && take_word("Infinity") ? make_float(-HUGE_VAL) : Ref{};
+        if (negative && next_is('I')) {
+            --at_;
+            return read_constant("-Infinity");
+        }
         std::uint64_t digits = 0;
         const bool zero_first = next_is('0');
         const std::ptrdiff_t whole = take_digits(digits);
@@ -435,16 +413,16 @@ private:
     const char* at_;
     const char* end_;
     Texts texts_;
-    static constexpr std::size_t kColumns = 32;
-    std::array<Texts::Habit, kColumns + 1> habits_;  // of the first places in arrays, and of objects' members
-    std::size_t rows_texts_ = 0;                     // where those of the table's rows begin
-    Waiting waiting_;
+    std::size_t rows_texts_ = 0;  // where those of the table's rows begin
+    std::vector<Ref> waiting_;    // finished values whose array is not
     std::string unescaped_;
-    SignalCheck signals_;
+    std::uint64_t values_ = 0;
+    PyObject* constants_;
+    std::optional<CollectorPaused> paused_{std::in_place};
 };
 
 }  // namespace
 
-Ref read_json(std::string_view text) { return Reader(text).document(); }
+Ref read_json(std::string_view text, PyObject* constants) { return Reader(text, constants).document(); }
 
 }  // namespace jdb::persistence

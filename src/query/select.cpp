@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "host/collector.h"
-#include "host/huge_pages.h"
 #include "query/convert.h"
 #include "tables/database.h"
 #include "tables/fields.h"
@@ -176,11 +175,8 @@ Ref select_scanned(const Query& query, PyObject* limit) {
         }
         return results.list();
     }
-    constexpr Py_ssize_t kMany = 4096;
-    std::optional<HugePages> pages;  // once it shows that much memory will be needed
     PyObject* list = rows;
     for (Py_ssize_t i = 0;; ++i) {
-        if (!pages && length(results.list()) >= kMany) pages.emplace(true);
         i = scan_in_place(query, rows, i, results);
         if (results.full() || i >= PyList_GET_SIZE(list)) return results.list();
         const Ref row = get_item(rows, i);

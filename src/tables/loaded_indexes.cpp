@@ -3,8 +3,6 @@
 
 #include <vector>
 
-#include "host/collector.h"
-#include "host/huge_pages.h"
 #include "tables/fields.h"
 #include "tables/rows.h"
 
@@ -61,16 +59,7 @@ std::vector<IndexedColumn> indexed_columns(PyObject* columns, PyObject* indexes)
     return indexed;
 }
 
-bool has_many_rows(PyObject* table) {
-    constexpr Py_ssize_t kMany = 4096;
-    PyObject* rows = own_field(table, names::rows);
-    return rows != nullptr && PyList_CheckExact(rows) && PyList_GET_SIZE(rows) >= kMany;
-}
-
 Ref rebuild(PyObject* table, PyObject* as_read) {
-    const bool many = has_many_rows(table);
-    const LastingObjects made(many);  // may run host code, so all is read after it
-    const HugePages pages(many);
     const Ref columns = get_field(table, names::columns);
     Ref indexes = empty_indexes(columns, as_read);
     const std::vector<IndexedColumn> indexed = indexed_columns(columns, indexes);

@@ -1,0 +1,17 @@
+// A document of Python objects as JSON text, byte for byte as json.dump writes it with default=str and
+// ensure_ascii=False.
+#pragma once
+
+#include "persistence/output_buffer.h"
+
+namespace jdb::persistence {
+
+// Hands the text to the sink, piece by piece. Python code runs where and when json.dump runs it: str() of a value of
+// another type, the methods of a subclass of a built-in type; what it changes is seen as json.dump would see it. Raises
+// what json.dump would raise, a lone surrogate being the error of the file that it writes to.
+void write_json(PyObject* document, const Sink& sink);
+
+// Makes the interpreter's date types known, whose text is then made here; to be called once at import.
+void import_date_types();
+
+}  // namespace jdb::persistence
