@@ -9,10 +9,8 @@
 #include <cassert>
 #include <cmath>
 #include <cstdint>
-#include <optional>
 #include <utility>
 
-#include "cpython310/integer.h"
 #include "host/object.h"
 #include "persistence/json_bytes.h"
 #include "persistence/json_number.h"
@@ -88,7 +86,8 @@ template <class Character>
     return encodable;
 }
 
-// Copies a text of one or two words, which may overlap; how much of it needs no care, or nothing of the second word.
+// Copies a string of one or two words, which may overlap; how much of it needs no care, or nothing of the second word.
+// Byte by byte, a save of strings of some 10 to 15 characters takes 23 % longer.
 template <class Word>
 std::size_t copy_two_words(const char* from, std::size_t count, char* to) {
     const std::size_t last = count - sizeof(Word);
@@ -99,7 +98,7 @@ std::size_t copy_two_words(const char* from, std::size_t count, char* to) {
     return (special[0] | special[1]) == 0 ? count : bytes_before(special[0]);
 }
 
-// Copies the text as far as nothing in it needs care; how much that is at least.
+// Copies the string as far as nothing in it needs care; how much that is at least.
 std::size_t copy_plain(const char* from, std::size_t count, char* to) {
     constexpr std::size_t kWord = sizeof(std::uint64_t);
     std::size_t done = 0;
@@ -154,7 +153,7 @@ void add_ascii(PyObject* string, OutputBuffer& out) {
              static_cast<std::size_t>(PyUnicode_GET_LENGTH(string))});
 }
 
-[[gnu::noinline]] void write_any_int(PyObject* number, OutputBuffer& out) {
+void write_int(PyObject* number, OutputBuffer& out) {
     int overflow = 0;
     const long long value = PyLong_AsLongLongAndOverflow(number, &overflow);
     if (overflow == 0) {
@@ -166,14 +165,7 @@ void add_ascii(PyObject* string, OutputBuffer& out) {
     add_ascii(digits, out);
 }
 
-inline void write_int(PyObject* number, OutputBuffer& out) {
-    const std::optional<unsigned> small = small_positive(number);
-    if (!small) return write_any_int(number, out);
-    char* const to = out.reserve(kIntegerRoom);
-    out.advance(static_cast<std::size_t>(write_integer(to, *small) - to));
-}
-
-inline void write_double(PyObject* number, OutputBuffer& out) {
+void write_double(PyObject* number, OutputBuffer& out) {
     char* to = out.reserve(kFloatRoom);
     out.advance(static_cast<std::size_t>(write_float(to, PyFloat_AS_DOUBLE(number)) - to));
 }
