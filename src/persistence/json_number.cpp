@@ -3,6 +3,7 @@
 #include "persistence/json_number.h"
 
 #include <array>
+#include <cassert>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -75,6 +76,7 @@ char* write_float(char* to, double value) {
     std::array<char, kFloatRoom> scientific;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
     const std::to_chars_result result = std::to_chars(scientific.data(), scientific.data() + scientific.size(),
                                                       magnitude, std::chars_format::scientific);
+    assert(result.ec == std::errc{});
     const char* mark = result.ptr - 1;
     while (*mark != 'e') --mark;
     int exponent = 0;

@@ -43,7 +43,9 @@ class StringCache {
 public:
     // Room in proportion to the document, within bounds.
     explicit StringCache(std::size_t document_size)
-        : met_(std::clamp(std::bit_ceil(document_size / kBytesPerString), kMinMet, kMaxMet)) {}
+        : met_(std::clamp(std::bit_ceil(document_size / kBytesPerString), kMinMet, kMaxMet)) {
+        assert(std::has_single_bit(met_.size()));
+    }
 
     // The new strings that one place, a column's values say, has had in excess of known ones. Strings that differ from
     // row to row would only push the others out of fast memory, so they are no longer looked for: that takes 12 % off
@@ -103,6 +105,7 @@ private:
     using Bytes = std::array<std::uint64_t, kMaxSize / 8>;
 
     static Bytes bytes_of(std::string_view string) {
+        assert(string.size() <= kMaxSize);
         Bytes bytes{};
         std::memcpy(bytes.data(), string.data(), string.size());
         return bytes;
@@ -164,10 +167,14 @@ class Reader {
 public:
     // The zero byte behind the text ends every loop over its characters.
     Reader(std::string_view text, PyObject* constants)
-        : at_(text.data()), end_(text.data() + text.size()), strings_(text.size()), constants_(constants) {}
+        : at_(text.data()), end_(text.data() + text.size()), strings_(text.size()), constants_(constants) {
+        assert(*end_ == 0);
+        assert(PyDict_CheckExact(constants));
+    }
 
     Ref document() {
         Ref value = read_value(0, kPlaces);
+        assert(!value || waiting_.empty());
         skip_space();
         return at_ == end_ ? value : Ref{};
     }

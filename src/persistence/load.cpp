@@ -1,10 +1,10 @@
 // The whole file is parsed before anything is replaced; then the tables are built one by one into a new dictionary. The
-// objects are asked for their members by the host's rules, so that a file of the wrong shape fails with its errors.
+// objects are asked for their members by Python's rules, so that a file of the wrong shape fails with its errors.
 #include "persistence/load.h"
 
 #include "host/module_state.h"
-#include "persistence/host_file.h"
 #include "persistence/json_reader.h"
+#include "persistence/python_file.h"
 #include "persistence/standard_json.h"
 #include "tables/database.h"
 #include "tables/loaded_indexes.h"

@@ -9,7 +9,7 @@
 #include <new>
 #include <string_view>
 
-#include "host/python.h"
+#include "host/error.h"
 
 namespace jdb::persistence {
 
@@ -39,7 +39,9 @@ public:
     void flush_if_full() {
         if (size_ >= kPiece) flush();
     }
+    // Also asks for pending signals, so that an interrupt need not wait for the end.
     void flush() {
+        check(PyErr_CheckSignals());
         sink_(text());
         size_ = 0;
     }

@@ -8,8 +8,8 @@
 
 #include "host/module_state.h"
 #include "persistence/document.h"
-#include "persistence/host_file.h"
 #include "persistence/json_writer.h"
+#include "persistence/python_file.h"
 #include "persistence/replace_file.h"
 #include "persistence/standard_json.h"
 #include "tables/database.h"
@@ -45,10 +45,7 @@ Ref document_string(PyObject* document) {
 
 void replace_file(ReplaceTarget target, PyObject* document) {
     FileReplacement replacement(std::move(target));
-    write_document(document, [&](std::string_view piece) {
-        check(PyErr_CheckSignals());
-        replacement.write(piece);
-    });
+    write_document(document, [&](std::string_view piece) { replacement.write(piece); });
     replacement.commit();
 }
 

@@ -1,3 +1,7 @@
+// What json.dump and json.load of CPython 3.10 look up when they run, found the way in which they find it. On the way
+// to json.load's result lie the functions `load` and `loads`, a decoder object, two methods of it, and a native
+// scanner; on the way to json.dump's the function, a class with its initialiser, one method and two separators, and the
+// names that the method finds in its module.
 #include "persistence/standard_json.h"
 
 #include <cmath>

@@ -1,17 +1,22 @@
-// Files opened through the host's `open`.
+// Files opened by calling `open`.
 #pragma once
 
 #include "host/object.h"
 
 namespace jdb::persistence {
 
-// Runs `use` with the opened file as the host's `with` statement does: the file is closed on success and on failure.
+// Runs `use` with the opened file as the `with` statement does: the file is closed on success and on failure.
 template <class Use>
 void with_file(PyObject* file, Use use) {
     const Ref exit = get_attribute(file, names::exit);
     const Ref entered = call_method(file, names::enter);
     try {
-        use(entered);
+        try {
+            use(entered);
+        } catch (const std::bad_alloc&) {
+            PyErr_NoMemory();
+            throw PythonError{};
+        }
     } catch (const PythonError&) {
         HandledError error;
         PyObject* traceback = error.traceback() == nullptr ? Py_None : error.traceback();
