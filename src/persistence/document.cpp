@@ -60,8 +60,9 @@ class WritableIndex {
 public:
     void add(PyObject* key, PyObject* ids) {
         const Ref name = can_be_member_name(key) ? Ref::borrow(key) : text_of(key);
-        const Ref present = find_item(index_, name);
-        if (!present || !PyList_Check(static_cast<PyObject*>(present)) || !PyList_Check(ids)) {
+        const Ref present = set_default(index_, name, ids);
+        if (present == ids) return;
+        if (!PyList_Check(static_cast<PyObject*>(present)) || !PyList_Check(ids)) {
             set_item(index_, name, ids);
             return;
         }
