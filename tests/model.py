@@ -73,10 +73,14 @@ def is_json_key(value):
 
 
 def with_json_keys(column_index):
-    """The index, with the keys that JSON has no form for as their strings."""
+    """The index, with the keys that JSON has no form for as their strings; ids of equal keys follow each other."""
     if not isinstance(column_index, dict) or all(map(is_json_key, column_index)):
         return column_index
-    return {value if is_json_key(value) else str(value): ids for value, ids in column_index.items()}
+    written = {}
+    for value, ids in column_index.items():
+        key = value if is_json_key(value) else str(value)
+        written[key] = written.get(key, []) + ids
+    return written
 
 
 class JSONDatatable(literal.JSONDatatable):

@@ -11,7 +11,7 @@ from fault_support import LONG, PATH, FaultTest, fresh, outcome, read, reset, sa
 import model
 from support import JSONDatatable
 from test_hostile_objects import table
-import test_roads
+import test_fast_paths
 
 
 TOKENS = [token.encode() for token in (
@@ -54,7 +54,7 @@ def bad_files(content, count):
                 break
             node = node[key]
         yield json.dumps(document).encode()
-        values = [make(chosen) for make in (test_roads.text, test_roads.number) for _ in range(9)]
+        values = [make(chosen) for make in (test_fast_paths.text, test_fast_paths.number) for _ in range(9)]
         yield wrapped(json.dumps(values, ensure_ascii=chosen.random() < 0.5).encode("utf-8", "surrogatepass"))
 
 

@@ -5,6 +5,7 @@ import contextlib
 import gc
 import io
 import json
+import signal
 import types
 from unittest import mock
 
@@ -67,3 +68,19 @@ class Loading(DatabaseTest):
                 with contextlib.suppress(Exception), contextlib.redirect_stdout(None):
                     self.db.load()
                 self.assertEqual(gc.isenabled(), switch is gc.enable)
+
+    def test_collector_pauses_for_the_parse_alone(self):
+        """Python code finds it as it was: in a record's class, and in the handler of a signal amid the parse."""
+        table = self.table(optional("a"))
+        table.rows.extend([[number, str(number)] for number in range(400_000)])
+        self.db.save()
+        found = []
+        self.addCleanup(signal.signal, signal.SIGALRM, signal.signal(signal.SIGALRM, lambda *_: found.append(gc.isenabled())))
+        signal.setitimer(signal.ITIMER_REAL, 0.01, 0.01)
+        try:
+            with mock.patch.object(module, "Table", lambda **_: found.append(gc.isenabled())):
+                self.db.load()
+        finally:
+            signal.setitimer(signal.ITIMER_REAL, 0)
+        self.assertGreater(len(found), 2)
+        self.assertEqual(set(found), {True})

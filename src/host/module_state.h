@@ -12,19 +12,9 @@ struct ModuleState {
     PyObject* builtins = nullptr;  // owned; the built-ins' namespace
     PyObject* print = nullptr;     // owned, as all that follow; the built-ins as import found them
     PyObject* open = nullptr;
-    PyObject* string_io = nullptr;  // of the module io
-    PyObject* buffered_reader = nullptr;
-    PyObject* bytes_io = nullptr;
+    PyObject* bytes_io = nullptr;  // of the module io
     PyObject* text_io_wrapper = nullptr;
     PyObject* date_type = nullptr;  // the interpreter's own datetime.date; null where there is none
-    PyObject* json = nullptr;       // the module, and two functions of it, that the fast roads stand for, or null
-    PyObject* json_dump = nullptr;
-    PyObject* json_load = nullptr;
-    PyObject* nan = nullptr;         // the object that json.load makes of NaN
-    PyObject* gc_collect = nullptr;  // of the module gc
-    PyObject* gc_freeze = nullptr;
-    PyObject* gc_unfreeze = nullptr;
-    PyObject* gc_get_freeze_count = nullptr;
 };
 
 inline constinit ModuleState module_state;

@@ -28,7 +28,6 @@ namespace names {
 
 // Attributes of the database object and its records; they are the member names of the file as well.
 inline constinit Name filename{"filename"};
-inline constinit Name fileno{"fileno"};
 inline constinit Name tables{"tables"};
 inline constinit Name name{"name"};
 inline constinit Name columns{"columns"};
@@ -57,7 +56,6 @@ inline constinit Name project_row{"_project_row"};
 // Names of the module's namespace, found there each time that they are needed.
 inline constinit Name Column{"Column"};
 inline constinit Name Table{"Table"};
-inline constinit Name JSONDatatable{"JSONDatatable"};
 inline constinit Name json{"json"};
 inline constinit Name os{"os"};
 inline constinit Name re{"re"};
@@ -70,26 +68,26 @@ inline constinit Name boolean{"boolean"};
 
 // What is called on host objects and modules.
 inline constinit Name append{"append"};
-inline constinit Name close{"close"};
+inline constinit Name class_{"__class__"};
 inline constinit Name date{"date"};
 inline constinit Name datetime_capi{"datetime_CAPI"};
-inline constinit Name decoder{"decoder"};
 inline constinit Name dump{"dump"};
 inline constinit Name enter{"__enter__"};
 inline constinit Name exists{"exists"};
 inline constinit Name exit{"__exit__"};
+inline constinit Name flush{"flush"};
 inline constinit Name get{"get"};
 inline constinit Name getvalue{"getvalue"};
 inline constinit Name insert{"insert"};
 inline constinit Name items{"items"};
 inline constinit Name ljust{"ljust"};
+inline constinit Name loads{"loads"};
 inline constinit Name match{"match"};
-inline constinit Name nan{"NaN"};
+inline constinit Name name_{"__name__"};
 inline constinit Name path{"path"};
 inline constinit Name read{"read"};
-inline constinit Name readinto{"readinto"};
-inline constinit Name register_{"register"};
 inline constinit Name remove{"remove"};
+inline constinit Name repr{"__repr__"};
 inline constinit Name strptime{"strptime"};
 inline constinit Name write{"write"};
 

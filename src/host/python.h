@@ -3,4 +3,3 @@
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
-#include <longintrepr.h>

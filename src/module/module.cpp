@@ -8,7 +8,7 @@
 #include "host/module_state.h"
 #include "module/methods.h"
 #include "module/records.h"
-#include "persistence/json_text.h"
+#include "persistence/json_writer.h"
 #include "tables/database.h"
 
 namespace jdb {
@@ -100,41 +100,18 @@ void replace(PyObject*& slot, Ref value) { drop(std::exchange(slot, value.releas
 
 void bind_for_good(PyObject* module) {
     const Source io("io");
-    const Source gc("gc");
     PyObject* builtins = PyEval_GetBuiltins();
     replace(module_state.module, Ref::borrow(module));
     replace(module_state.globals, Ref::borrow(PyModule_GetDict(module)));
     replace(module_state.builtins, Ref::borrow(builtins));
     replace(module_state.print, Ref::steal(python(PyMapping_GetItemString, builtins, "print")));
     replace(module_state.open, take(io, "open"));
-    replace(module_state.string_io, take(io, "StringIO"));
-    replace(module_state.buffered_reader, take(io, "BufferedReader"));
     replace(module_state.bytes_io, take(io, "BytesIO"));
     replace(module_state.text_io_wrapper, take(io, "TextIOWrapper"));
-    replace(module_state.gc_collect, take(gc, "collect"));
-    replace(module_state.gc_freeze, take(gc, "freeze"));
-    replace(module_state.gc_unfreeze, take(gc, "unfreeze"));
-    replace(module_state.gc_get_freeze_count, take(gc, "get_freeze_count"));
-}
-
-// What the fast paths need of json, as far as it is there: nothing of it is called, and its functions are not missed
-// before a save or a load asks for them. json.load makes every NaN of a document the one of json.decoder.
-void note_json(PyObject* json) {
-    Ref dump = find_in_module(json, names::dump);
-    Ref load = find_in_module(json, names::load);
-    const bool complete = dump && load;
-    replace(module_state.json, complete ? Ref::borrow(json) : Ref{});
-    replace(module_state.json_dump, std::move(dump));
-    replace(module_state.json_load, std::move(load));
-    const Ref decoder = find_in_module(json, names::decoder);
-    Ref nan = decoder ? find_in_module(decoder, names::nan) : Ref{};
-    const bool known = nan && PyFloat_CheckExact(static_cast<PyObject*>(nan));
-    replace(module_state.nan, known ? nan : Ref::steal(PyFloat_FromDouble(Py_NAN)));
 }
 
 void bind_names() {
-    const Ref json = bind_module("json");
-    note_json(json);
+    bind_module("json");
     bind_module("os");
     const Source typing("typing");
     for (const char* name : {"Dict", "List", "Optional", "Any", "Union"}) bind_from(typing, name);

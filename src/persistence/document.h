@@ -1,15 +1,13 @@
-// The database as one document of host objects: what the file holds, member by member.
+// The database as one document of Python objects: what the file holds, member by member.
 #pragma once
 
 #include "host/ref.h"
 
 namespace jdb::persistence {
 
-// A new document over the tables' own rows and indexes. Deleted rows are left out; keys of a column index that JSON
-// has no form for are given as their text.
+// A new document over the tables' own rows and indexes. Deleted rows are left out. A column index with keys that JSON
+// has no form for is copied with their str() in their place; where that is the same for several keys, the list under it
+// holds the ids of all.
 Ref make_document(PyObject* tables);
-
-// Whether JSON can hold the object as a member name.
-bool can_be_member_name(PyObject* key);
 
 }  // namespace jdb::persistence

@@ -3,6 +3,7 @@
 #include "persistence/json_number.h"
 
 #include <array>
+#include <cassert>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -11,105 +12,71 @@
 namespace jdb::persistence {
 namespace {
 
-constexpr std::array<char, 200> kPairs = [] {
-    std::array<char, 200> pairs{};
-    for (std::size_t i = 0; i < 100; ++i) {
-        pairs[2 * i] = static_cast<char>('0' + i / 10);
-        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
-    }
-    return pairs;
-}();
-
-char* write_unsigned(char* to, std::uint64_t value) {
-    constexpr std::size_t kMostDigits = 20;
-    std::array<char, 2 * kMostDigits> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled from the middle
-    char* const end = digits.data() + kMostDigits;
-    char* at = end;
-    while (value >= 100) {
-        at -= 2;
-        std::memcpy(at, &kPairs[2 * (value % 100)], 2);
-        value /= 100;
-    }
-    if (value >= 10) {
-        at -= 2;
-        std::memcpy(at, &kPairs[2 * value], 2);
-    } else {
-        *--at = static_cast<char>('0' + value);
-    }
-    std::memcpy(to, at, kMostDigits);  // always as many, which takes no call
-    return to + (end - at);
-}
-
-char* write_text(char* to, std::string_view text) {
-    std::memcpy(to, text.data(), text.size());
-    return to + text.size();
+char* write_string(char* to, std::string_view string) {
+    std::memcpy(to, string.data(), string.size());
+    return to + string.size();
 }
 
 // A number of at most four decimals and fifteen digits in all: such a decimal is the only one of its length that
 // reads back as the number, so it is the shortest. Null when the number is no such.
+// Without this way a save with one such number in a row takes 22 % longer.
 char* write_short_decimal(char* to, double magnitude) {
     constexpr double kScale = 1e4;
-    constexpr double kMost = 1e11;
-    if (!(magnitude < kMost)) return nullptr;
+    constexpr double kMax = 1e11;
+    if (!(magnitude < kMax)) return nullptr;
     const auto scaled = static_cast<std::uint64_t>(magnitude * kScale + 0.5);  // NOLINT(bugprone-incorrect-roundings)
     // That rounding may be off by one, unless this holds; to call a better one would take longer.
     if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
-    to = write_unsigned(to, scaled / 10000);
+    to = write_integer(to, static_cast<std::int64_t>(scaled / 10000));
     *to++ = '.';
-    const std::size_t fraction = scaled % 10000;
-    std::memcpy(to, &kPairs[2 * (fraction / 100)], 2);
-    std::memcpy(to + 2, &kPairs[2 * (fraction % 100)], 2);
     char* end = to + 4;
+    for (std::uint64_t i = 4, fraction = scaled % 10000; i-- > 0; fraction /= 10) {
+        to[i] = static_cast<char>('0' + fraction % 10);
+    }
     while (end - to > 1 && end[-1] == '0') --end;
     return end;
 }
 
-// Lays out digits and exponent as the host does: plainly from 1e-04 up to below 1e16, else with an exponent.
+// Lays out digits and exponent as repr() does: plainly from 1e-04 up to below 1e16, else with an exponent.
 char* lay_out(char* to, std::string_view digits, int exponent) {
     if (exponent < -4 || exponent >= 16) {
         *to++ = digits[0];
         if (digits.size() > 1) {
             *to++ = '.';
-            to = write_text(to, digits.substr(1));
+            to = write_string(to, digits.substr(1));
         }
         *to++ = 'e';
         *to++ = exponent < 0 ? '-' : '+';
         const int size = std::abs(exponent);
         if (size < 10) *to++ = '0';
-        return write_unsigned(to, static_cast<std::uint64_t>(size));
+        return write_integer(to, size);
     }
     if (exponent < 0) {
-        to = write_text(to, std::string_view("0.000").substr(0, static_cast<std::size_t>(1 - exponent)));
-        return write_text(to, digits);
+        to = write_string(to, std::string_view("0.000").substr(0, static_cast<std::size_t>(1 - exponent)));
+        return write_string(to, digits);
     }
     const auto whole = static_cast<std::size_t>(exponent) + 1;
     for (std::size_t i = 0; i < whole; ++i) *to++ = i < digits.size() ? digits[i] : '0';
     *to++ = '.';
-    return digits.size() > whole ? write_text(to, digits.substr(whole)) : write_text(to, "0");
+    return digits.size() > whole ? write_string(to, digits.substr(whole)) : write_string(to, "0");
 }
 
 }  // namespace
 
-char* write_integer(char* to, std::int64_t value) {
-    auto magnitude = static_cast<std::uint64_t>(value);
-    if (value < 0) {
-        *to++ = '-';
-        magnitude = 0 - magnitude;
-    }
-    return write_unsigned(to, magnitude);
-}
+char* write_integer(char* to, std::int64_t value) { return std::to_chars(to, to + kIntegerRoom, value).ptr; }
 
 char* write_float(char* to, double value) {
-    if (std::isnan(value)) return write_text(to, "NaN");
+    if (std::isnan(value)) return write_string(to, "NaN");
     if (std::signbit(value)) *to++ = '-';
     const double magnitude = std::fabs(value);
-    if (std::isinf(magnitude)) return write_text(to, "Infinity");
+    if (std::isinf(magnitude)) return write_string(to, "Infinity");
     if (char* end = write_short_decimal(to, magnitude)) return end;
 
     // "d.ddde±xx": the digits without the point, then the exponent.
     std::array<char, kFloatRoom> scientific;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled next
     const std::to_chars_result result = std::to_chars(scientific.data(), scientific.data() + scientific.size(),
                                                       magnitude, std::chars_format::scientific);
+    assert(result.ec == std::errc{});
     const char* mark = result.ptr - 1;
     while (*mark != 'e') --mark;
     int exponent = 0;

@@ -1,22 +1,17 @@
 // The whole file is parsed before anything is replaced; then the tables are built one by one into a new dictionary. The
-// objects are asked for their members by the host's rules, so that a file of the wrong shape fails with its errors.
+// objects are asked for their members by Python's rules, so that a file of the wrong shape fails with its errors.
 #include "persistence/load.h"
 
-#include <sys/stat.h>
-
 #include "cpython310/handled_error.h"
-#include "host/collector.h"
-#include "host/huge_pages.h"
 #include "host/module_state.h"
-#include "persistence/host_file.h"
 #include "persistence/json_reader.h"
+#include "persistence/python_file.h"
+#include "persistence/standard_json.h"
 #include "tables/database.h"
 #include "tables/indexes.h"
 
 namespace jdb::persistence {
 namespace {
-
-constexpr Py_ssize_t kLarge = Py_ssize_t{1} << 20U;  // bytes of a file from which on memory is got with care
 
 Ref member_or(PyObject* object, Name& name, PyObject* fallback) {
     return call_method(object, names::get, {name, fallback});
@@ -72,67 +67,29 @@ void replace_tables(PyObject* self, PyObject* document) {
     }
 }
 
-// The fast road's condition: the module's `json` with its `load`, and `open`, are those that import found. What the
-// reader makes of the file's bytes is then what they make of it.
-bool reads_as_imported(PyObject* json, PyObject* open) {
-    if (json != module_state.json || !PyModule_CheckExact(json) || open != module_state.open) return false;
-    const Ref load = find_item(PyModule_GetDict(json), names::load);
-    return load == module_state.json_load;
-}
-
-// The fast road: false when the reader gives up, and nothing has changed. The collector looks for garbage again when
-// the tables stand, not among their half-made parts.
-bool load_natively(PyObject* self, PyObject* bytes) {
-    const bool large = PyBytes_GET_SIZE(bytes) >= kLarge;
-    const LastingObjects made(large);
-    const HugePages pages(large);
-    const Ref document = read_json({PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))});
-    if (document) replace_tables(self, document);
-    return static_cast<bool>(document);
-}
-
-void load_bytes(PyObject* self, PyObject* json, PyObject* bytes) {
+void load_bytes(PyObject* self, PyObject* json, PyObject* bytes, PyObject* constants) {
     // A descriptor that does not wait gives None where there is nothing to read yet.
     if (!PyBytes_Check(bytes)) raise(PyExc_TypeError, "cannot read a database from '%.100s'", Py_TYPE(bytes)->tp_name);
-    if (load_natively(self, bytes)) return;
-    const Ref stream = call(module_state.bytes_io, {bytes});
-    const Ref text = call(module_state.text_io_wrapper, {stream}, {{names::encoding, names::utf8}});
-    const Ref document = call_method(json, names::load, {text});
+    Ref document = read_json({PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))}, constants);
+    if (!document) {
+        const Ref stream = call(module_state.bytes_io, {bytes});
+        const Ref text = call(module_state.text_io_wrapper, {stream}, {{names::encoding, names::utf8}});
+        document = call_method(json, names::load, {text});
+    }
     replace_tables(self, document);
-}
-
-// file.read(), sooner for a large file, which is read in one go into memory that comes in huge pages.
-Ref read_bytes(PyObject* file) {
-    const auto read = [&] { return call_method(file, names::read); };
-    if (reinterpret_cast<PyObject*>(Py_TYPE(file)) != module_state.buffered_reader) return read();
-    const Ref descriptor = call_method(file, names::fileno);
-    const long number = python(PyLong_AsLong, descriptor);
-    if (number == -1 && PyErr_Occurred() != nullptr) throw PythonError{};
-    struct stat status {};
-    if (fstat(static_cast<int>(number), &status) != 0 || status.st_size < kLarge) return read();
-
-    Ref bytes = Ref::steal(PyBytes_FromStringAndSize(nullptr, status.st_size));
-    char* const start = PyBytes_AS_STRING(static_cast<PyObject*>(bytes));
-    prefer_huge_pages(start, static_cast<std::size_t>(status.st_size));
-    const Ref room = Ref::steal(python(PyMemoryView_FromMemory, start, status.st_size, PyBUF_WRITE));
-    const Ref count = call_method(file, names::readinto, {room});
-    const Py_ssize_t got = python(PyLong_AsSsize_t, count);
-    if (got < 0) throw PythonError{};
-    const Ref rest = read();
-    if (got == status.st_size && length(rest) == 0) return bytes;
-    const Ref begun = Ref::steal(PyBytes_FromStringAndSize(start, got));
-    return Ref::steal(python(PySequence_Concat, begun, rest));  // its size changed meanwhile
 }
 
 void read_file(PyObject* self) {
     const Ref filename = get_attribute(self, names::filename);
     const Ref open = global(names::open);
     const Ref json = global(names::json);
-    if (reads_as_imported(json, open)) {
+    // The fast path: the file's bytes, of which the reader makes what the interpreter's `open` and `json` make of them.
+    const Ref constants = open == module_state.open ? standard_constants(json) : Ref{};
+    if (constants) {
         Ref bytes;
         const Ref file = call(open, {filename, names::mode_read_bytes});
-        with_file(file, [&](PyObject* entered) { bytes = read_bytes(entered); });
-        return load_bytes(self, json, bytes);
+        with_file(file, [&](PyObject* entered) { bytes = call_method(entered, names::read); });
+        return load_bytes(self, json, bytes, constants);
     }
     const Ref file = call(open, {filename, names::mode_read}, {{names::encoding, names::utf8}});
     with_file(file, [&](PyObject* entered) {

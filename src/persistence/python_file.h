@@ -1,4 +1,4 @@
-// Files opened through the host's `open`.
+// Files opened by calling `open`.
 #pragma once
 
 #include "cpython310/handled_error.h"
@@ -6,12 +6,21 @@
 
 namespace jdb::persistence {
 
-// Runs `use` with the opened file as the host's `with` statement does: the file is closed on success and on failure.
+// Runs `use` with the opened file as the `with` statement does: the file is closed on success and on failure.
 template <class Use>
 void with_file(PyObject* file, Use use) {
     const Ref exit = get_attribute(file, names::exit);
     const Ref entered = call_method(file, names::enter);
-    if (succeeds([&] { use(entered); })) {
+    const auto use_file = [&] {
+        try {
+            use(entered);
+            return;
+        } catch (const std::bad_alloc&) {
+        }
+        python(PyErr_NoMemory);
+        throw PythonError{};
+    };
+    if (succeeds(use_file)) {
         call(exit, {Py_None, Py_None, Py_None});
         return;
     }

@@ -1,0 +1,397 @@
+"""The fast paths against the defining ones, which rebinding a name or redefining a method brings back."""
+
+import contextlib
+import copy
+import datetime
+import decimal
+import enum
+import functools
+import io
+import json
+import math
+import os
+import random
+import struct
+import types
+import uuid
+from unittest import mock
+
+from support import Column, DatabaseTest, JSONDatatable, module, run_python, unique
+
+
+class Text(str):
+    pass
+
+
+class Plain(JSONDatatable):
+    """Redefines the row conversions by themselves, which closes every scan's fast path."""
+
+    def _row_to_dict(self, *args):
+        return super()._row_to_dict(*args)
+
+    def _project_row(self, *args):
+        return super()._project_row(*args)
+
+
+def plain_json():
+    """json.dump and json.load behind another module object: the native writer and reader stand aside."""
+    return mock.patch.object(module, "json", types.SimpleNamespace(dump=json.dump, load=json.load))
+
+
+ALPHABETS = ["abc xyz", 'a"\\\n\t\r\b\f\x00\x1f\x7f/', "aé\xff", "aあ\u2028", "a😀é\n\""]
+
+
+def text(r):
+    if r.random() < 0.1:
+        return str(day(r))
+    return "".join(r.choices(r.choice(ALPHABETS), k=r.choice([*range(27), 300])))
+
+
+def number(r):
+    return r.choice([
+        lambda: r.randint(-9, 9), lambda: r.choice([1, -1]) * 10 ** r.randint(0, 40) + r.randint(-1, 1),
+        lambda: struct.unpack("d", r.randbytes(8))[0], lambda: round(r.uniform(-1, 1) * 10 ** r.randint(0, 17), r.randint(0, 7)),
+        lambda: r.choice([math.nan, math.inf, -math.inf, 0.0, -0.0, 5e-324, 1e16, 1e22, 123456789012345.6])])()
+
+
+def day(r):
+    return datetime.date(2024, 1, r.randint(1, 3))
+
+
+def word(r):
+    return r.choice([None, True, False])
+
+
+def plain_value(r, depth=0):
+    """A value that the native writer knows."""
+    simple = [
+        text, text, number, number, word, lambda r: datetime.date.fromordinal(r.randint(1, 3652059)),
+        lambda r: datetime.datetime(r.randint(1, 9999), 1, 2, 3, 4, r.choice([0, 59]), r.choice([0, 1, 120000]))]
+    if depth == 4 or r.random() < 0.75:
+        return r.choice(simple)(r)
+    values = [plain_value(r, depth + 1) for _ in range(r.randrange(4))]
+    return r.choice([list, tuple, lambda values: {r.choice([text, number, word])(r): value for value in values}])(values)
+
+
+def fresh(value):
+    """An equal text is another object, without a hash as yet."""
+    return value.encode().decode() if type(value) is str else value
+
+
+def nested(depth):
+    return functools.reduce(lambda value, _: [value], range(depth), [])
+
+
+class Asked:
+    """Notes each time that its str() is asked for, and then does something to what it lies in."""
+
+    def __init__(self, asked, act=lambda: "asked"):
+        self.asked, self.act = asked, act
+
+    def __str__(self):
+        self.asked.append(len(self.asked))
+        return self.act()
+
+
+def lies_in(container, asked, act):
+    """The container, whose last item does that to it."""
+    value = Asked(asked, lambda: act(container) or "acted")
+    if isinstance(container, dict):
+        container["z"] = value
+    else:
+        container.append(value)
+    return container
+
+
+class Odd:
+    """A list, an object or a number with a mind of its own."""
+
+    class List(list):
+        def __iter__(self):
+            return iter(["own"] * (len(self) - 1))
+
+    class Dict(dict):
+        def items(self):
+            return self["items"]
+
+    class Float(float):
+        def __eq__(self, other):
+            return other < 0
+
+        __hash__ = None
+
+
+class Kind(enum.Enum):
+    FIRST = 1
+
+
+def circular():
+    values = [1]
+    values.append({"a": (values,)})
+    return values
+
+
+# Beside the values above: what json.dump takes by its own rules, or refuses.
+ODD = [
+    lambda asked: Text("x"), lambda asked: {1}, lambda asked: b"y", lambda asked: "\ud800", lambda asked: "é\udfff",
+    lambda asked: Text("é\udfff"), lambda asked: {"a": "\ud800"}, lambda asked: Asked(asked, lambda: "\ud800"),
+    lambda asked: nested(150), lambda asked: nested(5000), lambda asked: {(1, 2): 3}, lambda asked: {Text("k"): 1},
+    lambda asked: 10 ** 5000, lambda asked: object, lambda asked: datetime.timedelta(1), lambda asked: circular(),
+    lambda asked: datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc), lambda asked: Kind.FIRST,
+    lambda asked: enum.IntEnum("Kind", "A").A, lambda asked: type("Mute", (str,), {"__str__": None})("é"),
+    lambda asked: type("Mute", (float,), {"__repr__": None})(1.5), lambda asked: decimal.Decimal("1.50"),
+    lambda asked: uuid.UUID(int=5), lambda asked: Odd.List(), lambda asked: Odd.List([1]), lambda asked: Odd.List([1, 2, 3]),
+    lambda asked: Odd.Dict(items=[("k", 1), ["l", Asked(asked)]]), lambda asked: Odd.Dict(items=[("k", 1), (1, 2, 3)]),
+    lambda asked: Odd.Dict(items=[("k", Asked(asked)), 5]), lambda asked: Odd.Dict(items=["k"]), lambda asked: Odd.Float(2),
+    lambda asked: {Odd.Float(2).real: Odd.Float("nan")}, lambda asked: type("Whole", (int,), {"__str__": None})(7),
+    lambda asked: {type("Whole", (int,), {})(7): type("Broken", (float,), {})("-inf")},
+    *(lambda asked, kind=kind: [Asked(asked), mock.Mock(spec=kind)] for kind in (str, int, float, list, dict)),
+    lambda asked: {mock.Mock(spec=str): 1}, lambda asked: {mock.Mock(spec=float): 1}, lambda asked: {b"k": Asked(asked)},
+    lambda asked: Asked(asked, lambda: Text("sub")), lambda asked: Asked(asked, lambda: None),
+    lambda asked: [Asked(asked), Asked(asked, lambda: 1 / 0), Asked(asked)],
+    *(lambda asked, act=act: lies_in([1], asked, act) for act in (
+        list.clear, lambda values: values.extend([2, 3]), lambda values: values.append(values))),
+    *(lambda asked, act=act: lies_in({"a": 1}, asked, act) for act in (
+        dict.clear, lambda values: values.update(b=2), lambda values: (values.pop("a"), values.update(b=2)) and None,
+        lambda values: values.update(a=values), lambda values: (values.pop("z"), values.update(z=2)) and None))]
+
+
+class FastPaths(DatabaseTest):
+    def outcome(self, function, *args):
+        with contextlib.redirect_stdout(io.StringIO()) as printed:
+            try:
+                result = function(*args)
+            except Exception as error:
+                result = type(error), error.args
+        return repr(result), printed.getvalue()
+
+    def assert_same(self, fast, plain):
+        """Without unittest's own report of differences, which takes minutes over texts as long as these."""
+        if fast != plain:
+            at = next((i for i, (a, b) in enumerate(zip(repr(fast), repr(plain))) if a != b), 0)
+            self.fail(f"{repr(fast)[max(at - 60, 0):at + 60]} is not {repr(plain)[max(at - 60, 0):at + 60]}")
+
+    def saved(self):
+        self.write(b"before")
+        return self.outcome(self.db.save), self.on_disk()
+
+    def make_tables(self, seed, asked):
+        r = random.Random(seed)
+        tables = {}
+        for name in {text(r) for _ in range(r.randint(seed % 2, 3))}:
+            columns = [Column(text(r), r.choice(["number", 5]), default=plain_value(r)) for _ in range(3)]
+            table = tables[name] = module.Table(name, columns)
+            table.rows = [[plain_value(r) for _ in range(r.choice([3, 3, 0, 5]))] for _ in range(r.choice([9, 600]))]
+            table.rows.append([None] * 3)
+            keys = r.choice([[text, number, word], [number, day], [text, lambda r: (b"k", number(r))]])
+            table.indexes = {name: {r.choice(keys)(r): [1, 2] for _ in range(r.randrange(5))}}
+            if seed % 2:
+                row = r.choice(table.rows)
+                for value in (Asked(asked, lambda row=row: row.append("grown") or "row"), ODD[seed // 2 % len(ODD)](asked),
+                              Asked(asked, lambda: table.rows.clear() or "table")):
+                    row.insert(0, value)
+        return tables
+
+    def test_writing(self):
+        for seed in range(2 * len(ODD)):
+            outcomes = []
+            for path in (contextlib.nullcontext, plain_json):
+                asked = []
+                self.db.tables = self.make_tables(seed, asked)
+                with path():
+                    outcomes.append((self.saved(), asked))
+            with self.subTest(seed=seed):
+                self.assert_same(*outcomes)
+
+    def test_error_of_the_path_comes_first(self):
+        """The file is opened before anything is written, and after the document was put together."""
+        table = self.table(unique("a"), rows=["x"])
+        asked = []
+        os.mkdir(self.at("folder"))
+        for path in (contextlib.nullcontext, plain_json):
+            for filename, opening in ((self.at("missing", "x"), FileNotFoundError), (self.at("folder"), IsADirectoryError),
+                                      (-1, ValueError), (self.path, None)):
+                with self.subTest(path=path.__name__, filename=filename), path():
+                    self.db.filename, table.indexes = filename, {}
+                    table.rows[:] = [[Asked(asked)], [{(1, 2): 3}]]
+                    with self.unchanged(opening or TypeError):
+                        self.db.save()
+                    self.assertEqual(len(asked), 0 if opening else 1)
+                    table.rows[:] = [[1]] * 20_000 + [[Asked(asked)]]
+                    with self.unchanged(opening) if opening else contextlib.nullcontext():
+                        self.db.save()
+                    self.db.filename, table.columns = filename, [object()]
+                    with self.unchanged(AttributeError):
+                        self.db.save()
+                    table.columns = []
+            del asked[:]
+
+    def test_same_key_twice(self):
+        """The text of a date beside the date: what the file names once holds the rows of both."""
+        table = self.table(unique("a"))
+        date, text = datetime.date(2024, 3, 1), "2024-03-01"
+        table.indexes["a"] = {date: [0, 2], 5: [3], text: [1], (1,): [4], "(1,)": [5], Kind.FIRST: [6]}
+        before = copy.deepcopy(table.indexes)
+        self.db.save()
+        self.assertEqual(json.loads(self.read())["tables"]["t"]["indexes"]["a"],
+                         {text: [0, 2, 1], "5": [3], "(1,)": [4, 5], "Kind.FIRST": [6]})
+        self.assertEqual(table.indexes, before)
+
+    def test_other_peoples_json(self):
+        class Rounded(float):
+            __repr__ = staticmethod(lambda number: format(number, ".1f"))
+
+        class Sorted(json.JSONEncoder):
+            def __init__(self, **options):
+                super().__init__(**{**options, "sort_keys": True})
+
+        def loud(function):
+            def call(*args, **keywords):
+                return function(*args, **keywords).replace('"', "'")
+            return call
+
+        def nothing(*args, **keywords):
+            return {"tables": {}}
+
+        value = [1.25, math.inf, -math.inf, math.nan, "é", {"b": 1, "a": 2}]
+        self.table(unique("a"), rows=[(1,)])
+        self.db.tables["t"].rows[0] = value
+        self.db.save()
+        document = json.loads(self.read())
+        for where, name, stand_in in (
+                (json, "dump", lambda document, file, **_: file.write("[]")), (json, "JSONEncoder", Sorted),
+                (json.JSONEncoder, "item_separator", ","), (json.JSONEncoder, "key_separator", ":"),
+                (json.JSONEncoder, "iterencode", lambda self, document: ["{", "}"]), (json.encoder, "INFINITY", -1.0),
+                (json.encoder, "encode_basestring", loud(json.encoder.encode_basestring)), (json.encoder, "float", Rounded),
+                (json.encoder, "_make_iterencode", lambda *_: lambda *_: ["own"])):
+            with self.subTest(name=name), mock.patch.object(where, name, stand_in, create=True):
+                expected = io.StringIO()
+                json.dump(document, expected, ensure_ascii=False, default=str)
+                self.db.save()
+                self.assertEqual(self.read().decode(), expected.getvalue())
+        self.db.save()
+        scanner = json.JSONDecoder(parse_constant=str, parse_float=decimal.Decimal).scan_once
+        for patch in (
+                mock.patch.object(json, "load", nothing), mock.patch.object(json, "loads", nothing),
+                mock.patch.object(json, "_default_decoder", json.JSONDecoder(parse_int=str)),
+                mock.patch.object(json._default_decoder, "scan_once", scanner),
+                mock.patch.object(json.JSONDecoder, "raw_decode", lambda *_, **__: (nothing(), len(self.read().decode()))),
+                mock.patch.object(json.JSONDecoder, "decode", nothing),
+                mock.patch.dict(json.decoder._CONSTANTS, {"NaN": None, "-Infinity": 5})):
+            with patch:
+                with open(self.path, encoding="utf-8") as file:
+                    expected = json.load(file)["tables"]
+                self.db.load()
+                self.assertEqual({name: (table.rows, table.indexes) for name, table in self.db.tables.items()},
+                                 {name: (table["rows"], table["indexes"]) for name, table in expected.items()})
+        self.db.load()
+        self.assertIs(self.db.tables["t"].rows[0][3], json.decoder.NaN)
+
+    def test_json_replaced_before_the_import(self):
+        self.assertEqual(run_python("""
+            import json
+            dump, load = json.dump, json.load
+            json.dump = lambda *args, **names: (print("dump"), dump(*args, **names))
+            json.load = lambda *args, **names: (print("load"), load(*args, **names))[1]
+            from talvern_client.utils.json_database import JSONDatatable
+            JSONDatatable("x.json").save()
+            JSONDatatable("x.json")
+        """, self.folder), ["dump", "load"])
+
+    def test_reading_many_rows(self):
+        """Strings met before, and an index's keys that follow the rows or do not."""
+        count = 40_000
+        rows = [[f"key {i}" if i % 9 else f"schlüssel {i}", f"often {i % 50}", "é" * (i % 30), None, i / 7] for i in range(count)]
+        in_order = {row[0]: [i] for i, row in enumerate(rows) if i % 70 or i > 30_000}
+        shuffled = {f"key {i * 7919 % count}": [i] for i in range(0, count, 3)}
+        tables = {name: {"name": name, "columns": [], "rows": rows, "indexes": {"a": in_order, "b": {}, "c": shuffled, "d": in_order}}
+                  for name in "tu"}
+        self.write(json.dumps({"tables": tables}, ensure_ascii=False).encode())
+        found = []
+        for path in (contextlib.nullcontext, plain_json):
+            with path():
+                self.db.load()
+            found.append([(table.rows, [list(index.items()) for index in table.indexes.values()])
+                          for table in self.db.tables.values()])
+        self.assertTrue(found[0] == found[1], "the paths read different tables")
+
+    def test_changes_between_calls(self):
+        """What the fast paths remember of records and methods must not outlive it."""
+        class Late:
+            def __get__(self, *_):
+                return "late"
+
+        def columns():
+            return self.db.tables["t"].columns
+
+        changes = [
+            lambda: setattr(columns()[0], "name", "z"), lambda: columns().reverse(), lambda: columns().pop(),
+            lambda: setattr(self.db.tables["t"], "rows", [[7, 8]]), lambda: vars(self.db.tables["t"]).pop("rows"),
+            lambda: setattr(self.db.tables["t"], "columns", tuple(columns())), lambda: self.db.tables["t"].indexes.clear(),
+            lambda: setattr(self.db, "tables", {}), lambda: setattr(self.db, "_row_to_dict", lambda *_: {"x": 1}),
+            lambda: patched(module.Table, "rows", property(lambda _: [[5, 6]])),
+            lambda: (patched(module.Column, "name", Late()), self.call_all(), patched(Late, "__set__", None)),
+            lambda: patched(JSONDatatable, "_row_to_dict", lambda *_: {"y": 1}),
+            lambda: patched(JSONDatatable._row_to_dict, "__defaults__", (["b"],)),
+            lambda: setattr(columns()[1], "__class__", type("Other", (), {"name": "other"}))]
+
+        def patched(*args):
+            patches.enter_context(mock.patch.object(*args, create=not hasattr(*args[:2])))
+
+        for number, change in enumerate(changes):
+            with self.subTest(number=number), contextlib.ExitStack() as patches:
+                self.db = JSONDatatable(self.at(f"{number}.json"))
+                self.db.create_table("t", [Column("a", "number", False, True), Column("b", "number", False)])
+                self.db.insert("t", {"a": 1, "b": 2})
+                self.call_all()
+                change()
+                fast = self.call_all()
+                fresh = copy.copy(self.db)  # with records of its own, of which nothing is remembered
+                fresh.tables = {name: copy.copy(table) for name, table in self.db.tables.items()}
+                for table in fresh.tables.values():
+                    table.columns = type(table.columns)(map(copy.copy, table.columns))
+                self.db = fresh
+                self.assertEqual(fast, self.call_all())
+
+    def test_change_of_one_object(self):
+        """What is remembered of one object says nothing of another of its class."""
+        self.table(Column("a", "number"), rows=[(1,)])
+        other = JSONDatatable(self.path)
+        self.assertEqual(self.db.get_row("t", 0), other.get_row("t", 0))
+        other._row_to_dict = lambda *_: {"x": 1}
+        self.assertEqual([db.get_row("t", 0) for db in (self.db, other)], [{"a": 1}, {"x": 1}])
+
+    def call_all(self):
+        calls = [("get_row", "t", 0), ("select", "t"), ("select", "t", {"a": 1}), ("select", "t", {"b": 2}),
+                 ("display_table", "t"), ("_row_to_dict", self.db.tables.get("t"), [1, 2])]
+        return [self.outcome(getattr(self.db, method), *args) for method, *args in calls]
+
+    def test_scanning(self):
+        plain = [None, 0, 1, True, 1.0, math.nan, "a", "ち", "é", "b", 2 ** 70, datetime.date(2024, 1, 1)]
+        odd = plain + [Text("a"), b"a", [1], datetime.datetime(2024, 1, 1)]
+        for seed in range(400):
+            r = random.Random(seed)
+            values = list(map(fresh, r.choice([plain[:8], plain, odd, ["ち", "ぢ", None]])))
+            names = r.choice([["a", "b", "c"], ["a", "b", "a"]] * 3 + [[Text("a"), "b", "c"], ["a", 5, "c"], []])
+            table = module.Table("t", [Column(name, "any", False, r.random() < 0.4) for name in names])
+            table.rows = [[r.choice(values) for _ in range(max(len(names), r.choice([0, 0, 0, 4])))]
+                          for _ in range(r.choice([2, 5, 60]))]
+            if r.random() < 0.2:
+                del r.choice(table.rows)[1:]
+            wanted = {name: fresh(r.choice(values)) for name in r.sample(["a", "b", "c"], r.randint(0, 3))}
+            if r.random() < 0.3:
+                wanted[r.choice([5, "zz"])] = r.choice([None, r.choice(values)])
+            chosen = r.choice([None, None, ["b", "a", "b", "q"], [], [5, Text("a")]])
+            calls = [("select", ("t", wanted, chosen, r.choice([None, 0, 2, -1, 2 ** 70]))),
+                     ("_dict_to_row_id", (table, wanted)), ("_validate_row", (table, wanted)),
+                     ("_validate_row", (table, wanted, True)), ("display_table", ("t", 5)), ("get_row", ("t", 1))]
+            self.db.tables = {"t": table}
+            if r.random() < 0.5:
+                with contextlib.suppress(TypeError, IndexError):
+                    self.db._build_indexes("t")
+            other = Plain(self.at("other.json"))
+            other.tables = self.db.tables
+            for method, args in calls:
+                with self.subTest(seed=seed, method=method):
+                    self.assert_same(self.outcome(getattr(self.db, method), *args),
+                                     self.outcome(getattr(other, method), *args))
