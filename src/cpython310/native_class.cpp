@@ -1,6 +1,6 @@
 // Each function has a code object, for what its parameters are called, and another function in its call slot. The code
-// is made by hand: to compile a class of this size takes most of the import's time, and without memory the compiler of
-// CPython 3.10 crashes.
+// is made by hand: without memory the compiler of CPython 3.10 crashes, and to compile a class of this size takes 0.3
+// ms of the import's 1.8.
 #include "cpython310/native_class.h"
 
 #include <opcode.h>

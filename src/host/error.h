@@ -21,16 +21,19 @@ inline int check(int status) {
     return status;
 }
 
-// Whether the work was done; otherwise it threw PythonError, and the error is still pending. What answers an error with
-// calls of the interpreter asks this: it may make none within a `catch` block.
+// Whether the work was done; otherwise the error is pending. What answers an error with calls of the interpreter asks
+// this: it may make none within a `catch` block.
 template <class Work>
-[[nodiscard]] bool succeeds(Work&& work) {
+[[nodiscard]] bool succeeds(Work&& work) noexcept {
     try {
         std::forward<Work>(work)();
         return true;
     } catch (const PythonError&) {
         return false;
+    } catch (const std::bad_alloc&) {
     }
+    python(PyErr_NoMemory);
+    return false;
 }
 
 // Keeps the pending error aside while it lives, so that work that cleans up may call the host.
@@ -47,25 +50,12 @@ private:
     PyObject* traceback_ = nullptr;
 };
 
-// Runs one step of taking something back, under a SavedError. Its own failure must not stop the steps that follow, so
-// the host reports it as unraisable.
-template <class Step>
-void attempt(Step step) noexcept {
-    if (!succeeds(step)) python(PyErr_WriteUnraisable, nullptr);
-}
-
-// Runs `work` at the boundary to the host: what it returns goes out, C++ exceptions become the null result
-// that stands for a set error. `failure` is that result.
+// Runs `work` at the boundary to Python: what it returns goes out, C++ exceptions become the null result that stands
+// for a set error. `failure` is that result.
 template <class Work, class Result>
 Result guarded(Work&& work, Result failure) noexcept {
-    try {
-        return std::forward<Work>(work)();
-    } catch (const PythonError&) {
-        return failure;
-    } catch (const std::bad_alloc&) {
-    }
-    python(PyErr_NoMemory);
-    return failure;
+    Result result = failure;
+    return succeeds([&] { result = std::forward<Work>(work)(); }) ? result : failure;
 }
 
 }  // namespace jdb

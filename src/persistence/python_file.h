@@ -11,16 +11,7 @@ template <class Use>
 void with_file(PyObject* file, Use use) {
     const Ref exit = get_attribute(file, names::exit);
     const Ref entered = call_method(file, names::enter);
-    const auto use_file = [&] {
-        try {
-            use(entered);
-            return;
-        } catch (const std::bad_alloc&) {
-        }
-        python(PyErr_NoMemory);
-        throw PythonError{};
-    };
-    if (succeeds(use_file)) {
+    if (succeeds([&] { use(entered); })) {
         call(exit, {Py_None, Py_None, Py_None});
         return;
     }

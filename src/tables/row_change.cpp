@@ -111,13 +111,13 @@ RowChange::~RowChange() {
 // else has worked on the row meanwhile.
 bool RowChange::agrees(PyObject* row) const noexcept {
     bool agrees = false;
-    const auto compare = [&] {
+    const bool known = succeeds([&] {
         const Ref rows = get_attribute(table_, names::rows);
         const Ref found = get_item(rows, row_id_);
         const Ref indexes = get_attribute(table_, names::indexes);
         agrees = found == row && indexes == indexes_;
-    };
-    if (!succeeds(compare)) python(PyErr_Clear);  // no such row any more
+    });
+    if (!known) python(PyErr_Clear);  // no such row any more
     return agrees;
 }
 
