@@ -198,7 +198,7 @@ private:
     }
 
     Ref read_value(int depth, std::size_t place) {
-        check_signals();
+        handle_signals();
         skip_space();
         switch (*at_) {
             case '"':
@@ -223,7 +223,7 @@ private:
     }
 
     // The handlers of signals are Python code.
-    void check_signals() {
+    void handle_signals() {
         if (++values_ % SignalCheck::kSteps != 0) return;
         paused_.reset();
         check_signals();
