@@ -10,6 +10,7 @@ import functools
 import inspect
 import io
 import operator
+import os
 import re
 from unittest import mock
 
@@ -152,12 +153,20 @@ class JSONDatatable(literal.JSONDatatable):
         return row_dict
 
     def save(self):
-        written = io.StringIO()
-        with mock.patch.object(literal, "open", lambda *_, **__: contextlib.nullcontext(written), create=True):
-            super().save()
-        content = written.getvalue().encode()
-        with open(self.filename, "wb") as file:
-            file.write(content)
+        written, refusal = io.StringIO(), None
+        try:
+            with mock.patch.object(literal, "open", lambda *_, **__: contextlib.nullcontext(written), create=True):
+                super().save()
+            content = written.getvalue().encode()
+        except Exception as error:
+            refusal = error
+        with open(self.filename, "ab" if refusal else "wb") as file:  # its error comes first
+            if not refusal:
+                file.write(content)
+        if refusal:
+            if not os.path.getsize(self.filename):
+                os.remove(self.filename)
+            raise refusal
 
     def _written_table(self, table):
         written = super()._written_table(table)

@@ -2,6 +2,7 @@
 #include "query/select.h"
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -131,7 +132,7 @@ private:
     RowFilter filter_;
     std::uint64_t conditions_version_ = 0;
     std::vector<Ref> columns_;  // as the query names them
-    std::optional<RowDicts> projected_;
+    std::unique_ptr<RowDicts> projected_;
 };
 
 bool calls_originals(const Query& query) {
@@ -167,7 +168,7 @@ std::optional<ScanPlan> ScanPlan::make(const Query& query) {
         plan.columns_.push_back(Ref::borrow(PyList_GET_ITEM(query.columns, i)));
         if (!PyUnicode_CheckExact(static_cast<PyObject*>(plan.columns_.back()))) return std::nullopt;
     }
-    plan.projected_ = plan.known_->project(plan.columns_);
+    plan.projected_ = std::make_unique<RowDicts>(plan.known_->project(plan.columns_));
     return plan;
 }
 
