@@ -42,7 +42,8 @@ class Table:
     rows: List[List[Any]] = field(default_factory=list)
     """One list per row, its values in column order. A row's position is its id; a deleted row holds only None."""
     indexes: Dict[str, Dict[Any, List[int]]] = field(default_factory=dict)
-    """Column name to value to ids of the rows that hold it. After a load, what the file holds until the first use."""
+    """Column name to value to ids of the rows that hold it, edited in place. After a load it is what the file holds,
+    until the first use rebuilds it from the rows."""
 
 class JSONDatatable:
     """A database in one JSON file. Not to be used by several threads at once."""
@@ -72,7 +73,8 @@ class JSONDatatable:
         """Add a row, given as column name to value. The result is its row id, which it keeps until the next load.
 
         A column without an entry gets its default. Values are converted by the column's type. Keys that name no
-        column are ignored. Each insert walks all rows for each unique column.
+        column are ignored. Each insert walks all rows for each unique column. A duplicate that comes from conversion
+        or from a default is usually not refused.
 
         Refuses with ValueError when the table is unknown, or when a value is missing though required, can't be
         converted, doesn't match the pattern, or is held by another row though unique; with TypeError when a value of a
@@ -90,7 +92,7 @@ class JSONDatatable:
         may become None. A value of a unique column that one other row holds is usually not refused. A deleted row is
         live again afterwards.
 
-        Refuses with IndexError when there is no such row id, and as insert does.
+        Refuses with IndexError when there is no such row id, otherwise as insert does.
         Writes the file. What save raises then leaves the change in memory, where it makes every later change fail too.
         ValueError and TypeError may be save's too.
         """
@@ -121,33 +123,37 @@ class JSONDatatable:
         """The live rows whose values equal all conditions, as new dictionaries from column name to value.
 
         Conditions are not converted by the column's type. `columns` names the columns wanted; unknown names are
-        ignored. `limit` is the most rows wanted; None and 0 mean all.
+        ignored. `limit` is the most rows wanted; None and 0 mean all. Don't pass a negative one.
 
         One condition on a unique column is answered from its index: keys then come in the table's column order,
         rows in the order in which they got the value. Every other query scans: keys come in the order of `columns`,
         rows in that of their ids.
 
-        Raises ValueError when the table is unknown, TypeError when a value looked up in an index can't be hashed.
-        Leaves the file alone.
+        Raises ValueError when the table is unknown, TypeError when a value looked up in an index can't be hashed,
+        IndexError when a row that a load brought has too few values. Leaves the file alone.
         """
 
     def get_row(self, table_name: str, row_id: int) -> Dict[str, Any]:
         """The row of that id, as a new dictionary from column name to value.
 
-        Raises ValueError when the table is unknown or the row deleted, IndexError when there is no such row id.
-        Leaves the file alone.
+        Raises ValueError when the table is unknown or the row deleted, IndexError when there is no such row id or the
+        row has too few values. Leaves the file alone.
         """
 
     def _build_indexes(self, table_name: str) -> None:
         """Build the index of each unique column anew from the rows; drop every other index.
 
-        Raises KeyError when the table is unknown. Leaves the file alone.
+        To be called after `rows`, `columns` or a column's `unique` were changed directly.
+
+        Raises KeyError when the table is unknown, TypeError when a value can't be hashed. What was built by then stays.
+        Leaves the file alone.
         """
 
     def _build_index(self, table_name: str, column_name: str) -> None:
         """Build one column's index anew from the rows, whether the column is unique or not. It is kept from then on.
 
-        Raises KeyError when the table is unknown. Leaves the file alone.
+        Raises KeyError when the table is unknown, TypeError when a value can't be hashed. What was built by then stays.
+        Leaves the file alone.
         """
 
     def _row_to_dict(self, table: Table, row: List[Any], columns: Optional[List[str]] = None) -> Dict[str, Any]:
@@ -164,7 +170,7 @@ class JSONDatatable:
         insert and update call it before they change anything: redefine it to add checks, and raise ValueError to
         refuse a row. `update` is true when update calls; None then passes in required columns.
 
-        Raises ValueError as insert does. Leaves the file alone.
+        Raises what insert raises when it refuses a row. Leaves the file alone.
         """
 
     def _dict_to_row_id(self, table: Table, data: Dict[str, Any]) -> Optional[int]:
@@ -189,7 +195,8 @@ class JSONDatatable:
         UTF-8 can't hold; ValueError for a list or dictionary that contains itself and for an integer of over 4,300
         digits; RecursionError for very deep nesting; TypeError for a dictionary stored as a value whose keys JSON
         doesn't know; AttributeError for an item of `columns` that is no Column; and what the str() of a value raises.
-        The file is as before then, and so is the database in memory.
+        Where both the path and a value are bad, the path's error is raised. The database in memory is as before then,
+        and so is the file, unless the new one is in place and only its flushing to the disk failed.
         """
 
     def load(self) -> None:
