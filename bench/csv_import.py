@@ -2,7 +2,7 @@
 all rows are on the disk.
 
 Everyone reads with csv.DictReader, refuses a second row with the same sku, and stores numbers as numbers and an empty
-date as none.
+date as None.
 """
 
 import contextlib
