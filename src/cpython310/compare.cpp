@@ -1,4 +1,4 @@
-// What is seldom met in a walk, or takes longer than the call.
+// The comparisons that a scan seldom meets, or that take longer than the call of a function.
 #include "cpython310/compare.h"
 
 #include "host/module_state.h"

@@ -1,12 +1,12 @@
-// How this interpreter lays dictionaries out in memory, as far as the files of this folder need it.
+// The memory layout of CPython 3.10's dictionaries, as far as the files of this folder need it.
 #pragma once
 
 #include "host/python.h"
 
 namespace jdb {
 
-// The head of a dictionary's table of keys, which the interpreter's headers only name. Behind it lie the slots of the
-// hash table, of as many bytes each as positions among the entries need, then the entries.
+// The head of a dictionary's table of keys; the interpreter's headers declare it and no more. Behind it are the slots
+// of the hash table, each as wide as a position among the entries needs, and then the entries.
 struct DictKeys {
     Py_ssize_t references;
     Py_ssize_t slots;
@@ -15,11 +15,13 @@ struct DictKeys {
     Py_ssize_t entry_count;
 };
 
+// A dictionary's table of keys, borrowed.
 inline DictKeys* dict_keys(PyObject* dict) {
     return reinterpret_cast<DictKeys*>(reinterpret_cast<PyDictObject*>(dict)->ma_keys);
 }
 
-// Which values belong to a table of keys that several dictionaries share; null for a dictionary with its own.
+// The values of a dictionary whose table of keys is shared; null for a dictionary with a table of its own, which has
+// the values in its entries.
 inline PyObject**& dict_values(PyObject* dict) { return reinterpret_cast<PyDictObject*>(dict)->ma_values; }
 
 }  // namespace jdb

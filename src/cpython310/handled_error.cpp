@@ -1,7 +1,8 @@
-// Guards are nested like the calls that they live in, and so are the items of the generators that run meanwhile; so
-// each takes its own item off the top.
+// Guards are nested as the calls that they live in, and so are the items of generators that run meanwhile. Each guard
+// therefore finds its own item on top when it ends.
 #include "cpython310/handled_error.h"
 
+#include <cassert>
 #include <utility>
 
 #include "host/ref.h"
@@ -9,6 +10,7 @@
 namespace jdb {
 
 HandledError::HandledError() noexcept {
+    assert(PyErr_Occurred() != nullptr);
     PyErr_Fetch(&item_.exc_type, &item_.exc_value, &item_.exc_traceback);
     python(PyErr_NormalizeException, &item_.exc_type, &item_.exc_value, &item_.exc_traceback);
     if (item_.exc_traceback != nullptr) PyException_SetTraceback(item_.exc_value, item_.exc_traceback);
@@ -17,6 +19,7 @@ HandledError::HandledError() noexcept {
 }
 
 HandledError::~HandledError() {
+    assert(PyThreadState_Get()->exc_info == &item_);
     PyThreadState_Get()->exc_info = item_.previous_item;
     drop(item_.exc_type);
     drop(item_.exc_value);

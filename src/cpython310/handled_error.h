@@ -1,14 +1,13 @@
-// An error that native code handles, as an `except` block does.
+// Handling an exception in native code as an `except` block does.
 #pragma once
 
-#include "host/error.h"
+#include "host/python.h"
 
 namespace jdb {
 
-// Takes the pending error, complete with value and traceback, and makes it the one being handled: until the guard is
-// gone, an error raised has it as context and sys.exc_info() gives it. It lies on the interpreter's stack of handled
-// errors in an item of its own, as the errors of a generator do: the items below, which may be other generators', stay
-// as they are.
+// Makes the pending exception, which there is, the one being handled: while the guard lives, exceptions raised have it
+// as context and sys.exc_info() gives it. It has an item of its own on the interpreter's stack of handled exceptions,
+// as each generator has, so that the items below stay unchanged.
 class HandledError {
 public:
     HandledError() noexcept;
@@ -16,7 +15,7 @@ public:
     HandledError(const HandledError&) = delete;
     HandledError& operator=(const HandledError&) = delete;
 
-    // Borrowed, as long as the guard lives and has not re-raised it; the traceback may be null.
+    // Borrowed while the guard lives and has not re-raised it. The traceback may be null.
     [[nodiscard]] PyObject* type() const noexcept { return item_.exc_type; }
     [[nodiscard]] PyObject* value() const noexcept { return item_.exc_value; }
     [[nodiscard]] PyObject* traceback() const noexcept { return item_.exc_traceback; }

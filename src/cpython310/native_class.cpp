@@ -1,6 +1,6 @@
-// Each function has a code object, for what its parameters are called, and another function in its call slot. The code
-// is made by hand: without memory the compiler of CPython 3.10 crashes, and to compile a class of this size takes 0.3
-// ms of the import's 1.8.
+// Each function has a code object, which gives the names of its parameters, and the native entry in its call slot. The
+// code object is made without the compiler: CPython 3.10's crashes where memory is lacking, and would take 0.3 ms of an
+// import's 1.8 for this class.
 #include "cpython310/native_class.h"
 
 #include <opcode.h>
@@ -27,8 +27,8 @@ Ref new_bytes(std::string_view bytes) {
     return Ref::steal(PyBytes_FromStringAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size())));
 }
 
-// A body for code that is run other than by a call of its function, say by a function made of it anew: it raises
-// AssertionError.
+// The code with a body that raises AssertionError. It runs where the code is run without the call slot, as by a new
+// function made from it.
 Ref with_raising_body(PyObject* code) {
     constexpr char instructions[] = {LOAD_ASSERTION_ERROR,
                                      0,
@@ -41,8 +41,8 @@ Ref with_raising_body(PyObject* code) {
     constexpr char lines[] = {sizeof(instructions), 0};  // all of them on the first line
     const Ref bytes = new_bytes({instructions, sizeof(instructions)});
     const Ref line_table = new_bytes({lines, sizeof(lines)});
-    const Ref words = new_text("the body of this function is native and cannot be run as code");
-    const Ref constants = Ref::steal(python(PyTuple_Pack, 2, Py_None, static_cast<PyObject*>(words)));
+    const Ref message = new_string("the body of this function is native and cannot be run as code");
+    const Ref constants = Ref::steal(python(PyTuple_Pack, 2, Py_None, static_cast<PyObject*>(message)));
     const Ref depth = integer(2);
     return call_method(code, replace, {},
                        {{co_code, bytes}, {co_consts, constants}, {co_linetable, line_table}, {co_stacksize, depth}});
@@ -58,7 +58,7 @@ Ref make_code(const Signature& signature, int line) {
     const Ref flags = integer(CO_OPTIMIZED | CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS);
     Ref declared = call_method(code, replace, {},
                                {{co_argcount, count}, {co_nlocals, count}, {co_varnames, names}, {co_flags, flags}});
-    // Later versions understand other instructions, but there empty code raises AssertionError by itself.
+    // The instructions are those of 3.10. Empty code raises AssertionError by itself in later versions.
     return std::string_view(Py_GetVersion()).starts_with("3.10.") ? with_raising_body(declared) : declared;
 }
 
@@ -79,8 +79,8 @@ Ref make_function(std::string_view class_name, const Method& method, int line, P
     std::string documentation(class_name);
     documentation.append(".").append(signature_line(method.signature));
     if (method.description != nullptr) documentation.append("\n\n").append(method.description);
-    const Ref text = new_text(documentation);
-    check(python(PyObject_SetAttrString, function, "__doc__", text));
+    const Ref docstring = new_string(documentation);
+    check(python(PyObject_SetAttrString, function, "__doc__", docstring));
     call_slot(function) = method.entry;
     return function;
 }
@@ -88,11 +88,11 @@ Ref make_function(std::string_view class_name, const Method& method, int line, P
 }  // namespace
 
 Ref make_class(const char* name, std::span<const Method> methods, PyObject* globals) {
-    const Ref class_name = new_text(name);
+    const Ref class_name = new_string(name);
     const Ref attributes = new_dict();
     const Ref module_name = Ref::steal(python(PyMapping_GetItemString, globals, "__name__"));
     check(python(PyDict_SetItemString, attributes, "__module__", module_name));
-    int line = 1;  // as if the class were written with a method on each line
+    int line = 1;  // as if the class had a method on each line
     for (const Method& method : methods) {
         *method.parsed = parse_signature(method.signature);
         const Ref function = make_function(name, method, ++line, globals);

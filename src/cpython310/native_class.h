@@ -1,5 +1,5 @@
-// A class of native methods that are ordinary Python functions: everything that looks at functions (inspect, pickle,
-// mock, super) meets real ones, and a call runs the native body.
+// Making a class whose methods are ordinary Python functions with native bodies. What looks at functions (inspect,
+// pickle, mock, super) finds real ones; a call runs the native body.
 #pragma once
 
 #include <span>
@@ -8,7 +8,8 @@
 
 namespace jdb {
 
-// Makes a class of these methods, in their order, whose functions have `globals` as their namespace.
+// A new class of these methods, in their order. `globals` is the namespace of its functions, and names its module.
+// Fills each method's parsed signature.
 Ref make_class(const char* name, std::span<const Method> methods, PyObject* globals);
 
 }  // namespace jdb

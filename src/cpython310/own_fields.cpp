@@ -1,5 +1,6 @@
-// Certainty comes from three facts: the type looks attributes up in the ordinary way, it has no descriptor that would
-// go before the object's dictionary, and all names that are compared are exactly strings, the class's as the object's.
+// An attribute is read without running Python code where the type looks attributes up in the ordinary way, no
+// descriptor of the class comes before the object's dictionary, and all keys that are compared are exactly str, in the
+// object's dictionary and in those of its classes.
 #include "cpython310/own_fields.h"
 
 #include <cassert>
@@ -9,7 +10,7 @@
 namespace jdb {
 namespace {
 
-// How a dictionary looks up that has had other keys than exact strings.
+// The look-up function of a dictionary that has had a key other than an exact str.
 void* general_look_up() {
     static void* const look_up = [] {
         const Ref dict = new_dict();
@@ -48,6 +49,7 @@ PyObject* own_dict(PyObject* object) {
 }
 
 bool has_string_keys(PyObject* dict) {
+    assert(PyDict_Check(dict));
     if (dict_keys(dict)->look_up != general_look_up()) return true;
     Py_ssize_t position = 0;
     PyObject* key = nullptr;
@@ -61,7 +63,7 @@ PyObject* own_field(PyObject* object, PyObject* name) {
     assert(PyUnicode_CheckExact(name));
     PyObject* dict = plain_dict(object);
     if (dict == nullptr) return nullptr;
-    // An object in the class whose own class is made in Python may become a descriptor at any time.
+    // Python code may turn an object of a class made in Python into a descriptor at any time.
     PyObject* in_class = _PyType_Lookup(Py_TYPE(object), name);
     if (in_class != nullptr && (Py_TYPE(in_class)->tp_descr_set != nullptr ||
                                 PyType_HasFeature(Py_TYPE(in_class), Py_TPFLAGS_HEAPTYPE) != 0)) {
@@ -71,6 +73,7 @@ PyObject* own_field(PyObject* object, PyObject* name) {
 }
 
 bool has_method(PyObject* object, PyObject* name, PyObject* function) {
+    assert(PyUnicode_CheckExact(name));
     PyObject* dict = plain_dict(object);
     if (dict == nullptr || _PyType_Lookup(Py_TYPE(object), name) != function) return false;
     return look_up(dict, name) == nullptr;

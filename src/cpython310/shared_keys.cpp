@@ -1,9 +1,10 @@
-// A table of keys becomes one to share when the values move out of its entries, into an array of the dictionary's own,
-// and its look-up function becomes the one for such tables. The interpreter does the same for the dictionary of an
-// instance; but it takes a class for that, and the class's own attributes get in the way of columns of their names.
+// A table of keys becomes a shared one when the values move from its entries into an array of the dictionary's own, and
+// its look-up function becomes the one for shared tables. The interpreter does so for the dictionaries of instances.
+// Instances are no use here: a class has attributes of its own, and columns may have their names.
 #include "cpython310/shared_keys.h"
 
 #include <cassert>
+#include <utility>
 
 #include "host/object.h"
 
@@ -16,8 +17,8 @@ struct Entry {
     PyObject* value;
 };
 
-// How many entries the interpreter lets a hash table of so many slots have.
-std::size_t most_entries(const DictKeys* keys) { return static_cast<std::size_t>(2 * keys->slots / 3); }
+// How many entries the interpreter allows in a hash table with that many slots.
+std::size_t max_entries(const DictKeys* keys) { return static_cast<std::size_t>(2 * keys->slots / 3); }
 
 Entry* entries_of(DictKeys* keys) {
     const std::size_t slot_bytes = keys->slots <= 0xFF         ? 1
@@ -28,11 +29,11 @@ Entry* entries_of(DictKeys* keys) {
     return reinterpret_cast<Entry*>(first_slot + static_cast<std::size_t>(keys->slots) * slot_bytes);
 }
 
-// How a dictionary looks up whose table of keys is shared, as seen at an object of a class made for that; null where
-// the interpreter shares none.
+// The look-up function of a dictionary whose table of keys is shared, read from an instance of a class made for that.
+// Null where the interpreter shares no tables.
 void* shared_look_up() {
     static void* const look_up = [] {
-        const Ref name = new_text("SharesKeys");
+        const Ref name = new_string("SharesKeys");
         const Ref bases = Ref::steal(python(PyTuple_New, 0));
         const Ref attributes = new_dict();
         const Ref type = call(reinterpret_cast<PyObject*>(&PyType_Type), {name, bases, attributes});
@@ -47,6 +48,7 @@ void* shared_look_up() {
 }  // namespace
 
 Ref make_shared_dict(PyObject* keys) {
+    assert(PyTuple_CheckExact(keys));
     const Py_ssize_t count = PyTuple_GET_SIZE(keys);
     Ref dict = new_dict();
     for (Py_ssize_t i = 0; i < count; ++i) {
@@ -57,7 +59,7 @@ Ref make_shared_dict(PyObject* keys) {
     const bool as_expected = table->references == 1 && table->entry_count == count && dict_values(dict) == nullptr;
     if (count == 0 || !as_expected || shared_look_up() == nullptr) return {};
 
-    auto* values = static_cast<PyObject**>(PyMem_Calloc(most_entries(table), sizeof(PyObject*)));
+    auto* values = static_cast<PyObject**>(PyMem_Calloc(max_entries(table), sizeof(PyObject*)));
     if (values == nullptr) {
         python(PyErr_NoMemory);
         throw PythonError{};
@@ -68,7 +70,7 @@ Ref make_shared_dict(PyObject* keys) {
         values[i] = std::exchange(entries[i].value, nullptr);
     }
     table->look_up = shared_look_up();
-    table->usable = 0;  // a key that somebody adds to a copy goes to a table of that copy's own
+    table->usable = 0;  // adding a key to a copy gives that copy a table of its own
     dict_values(dict) = values;
     return dict;
 }

@@ -1,5 +1,5 @@
-// The versions that this interpreter keeps of dictionaries and classes. What was found in an object holds for as long
-// as its stamp is the same.
+// The version numbers that CPython 3.10 keeps of dictionaries and classes. What was found out about an object holds
+// while its stamp is the same.
 #pragma once
 
 #include <cstdint>
@@ -17,20 +17,20 @@ inline unsigned class_version(PyTypeObject* type) {
     return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) != 0 ? type->tp_version_tag : 0;
 }
 
-// The version of an object's own dictionary; 0 where it has none, or keeps it in an unusual place.
+// The version of the own dictionary of an object of that type; 0 where it has none, or has it in an unusual place.
 inline std::uint64_t fields_version(PyObject* object, const PyTypeObject* type) {
     if (type->tp_dictoffset <= 0) return 0;
     PyObject* dict = *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(object) + type->tp_dictoffset);
     return dict == nullptr ? 0 : dict_version(dict);
 }
 
-// What changes as soon as an object's attributes could have. No two objects have the same.
+// A value that changes whenever an object's attributes may have changed. No two objects have the same.
 struct Stamp {
     unsigned type = 0;
     std::uint64_t fields = 0;
 
     bool operator==(const Stamp&) const = default;
-    // Whether the object gives one that can be relied on.
+    // Whether it can be relied on: both parts have a version.
     explicit operator bool() const { return type != 0 && fields != 0; }
 };
 

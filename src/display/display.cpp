@@ -10,7 +10,7 @@ namespace {
 
 void print(PyObject* text) { call(module_state.print, {text}); }
 
-Ref names_of(PyObject* table) {
+Ref column_names(PyObject* table) {
     Ref result = new_list();
     const Ref columns = get_attribute(table, names::columns);
     for (const Ref& column : Iteration(columns)) {
@@ -26,7 +26,7 @@ void widen(PyObject* widths, PyObject* key, PyObject* text) {
     if (check(python(PyObject_RichCompareBool, needed, current, Py_GT)) != 0) set_item(widths, key, needed);
 }
 
-Ref measure(PyObject* columns, PyObject* rows) {
+Ref column_widths(PyObject* columns, PyObject* rows) {
     Ref widths = new_dict();
     for (const Ref& name : Iteration(columns)) {
         const Ref width = integer(length(name));
@@ -37,19 +37,19 @@ Ref measure(PyObject* columns, PyObject* rows) {
         for (const Ref& item : Iteration(items)) {
             const Ref key = get_item(item, Py_ssize_t{0});
             const Ref value = get_item(item, Py_ssize_t{1});
-            const Ref text = text_of(value);
+            const Ref text = str_of(value);
             widen(widths, key, text);
         }
     }
     return widths;
 }
 
-Ref joined(PyObject* cells) {
-    const Ref separator = new_text(" | ");
+Ref join(PyObject* cells) {
+    const Ref separator = new_string(" | ");
     return Ref::steal(python(PyUnicode_Join, separator, cells));
 }
 
-Ref padded(PyObject* text, PyObject* widths, PyObject* name) {
+Ref pad(PyObject* text, PyObject* widths, PyObject* name) {
     const Ref width = get_item(widths, name);
     return call_method(text, names::ljust, {width});
 }
@@ -57,22 +57,22 @@ Ref padded(PyObject* text, PyObject* widths, PyObject* name) {
 Ref header_line(PyObject* columns, PyObject* widths) {
     const Ref cells = new_list();
     for (const Ref& name : Iteration(columns)) {
-        const Ref cell = padded(name, widths, name);
+        const Ref cell = pad(name, widths, name);
         append(cells, cell);
     }
-    return joined(cells);
+    return join(cells);
 }
 
 Ref row_line(PyObject* row, PyObject* columns, PyObject* widths) {
-    const Ref missing = new_text("");
+    const Ref missing = new_string("");
     const Ref cells = new_list();
     for (const Ref& name : Iteration(columns)) {
         const Ref value = call_method(row, names::get, {name, missing});
-        const Ref text = text_of(value);
-        const Ref cell = padded(text, widths, name);
+        const Ref text = str_of(value);
+        const Ref cell = pad(text, widths, name);
         append(cells, cell);
     }
-    return joined(cells);
+    return join(cells);
 }
 
 }  // namespace
@@ -80,25 +80,25 @@ Ref row_line(PyObject* row, PyObject* columns, PyObject* widths) {
 Ref display_table(PyObject* self, PyObject* table_name, PyObject* limit) {
     const Ref tables = tables_of(self);
     if (!contains(tables, table_name)) {
-        const Ref message = unknown_table_text(table_name);
+        const Ref message = unknown_table_message(table_name);
         print(message);
         return Ref::none();
     }
     const Ref current_tables = tables_of(self);
     const Ref table = get_item(current_tables, table_name);
-    const Ref columns = names_of(table);
+    const Ref columns = column_names(table);
     const Ref rows = call_method(self, names::select, {table_name}, {{names::limit, limit}});
     if (length(columns) == 0) {
-        const Ref message = new_text("Table has no columns");
+        const Ref message = new_string("Table has no columns");
         print(message);
         return Ref::none();
     }
 
-    const Ref widths = measure(columns, rows);
+    const Ref widths = column_widths(columns, rows);
     const Ref header = header_line(columns, widths);
     const Ref heading = Ref::steal(PyUnicode_FromFormat("\n%U", static_cast<PyObject*>(header)));
     print(heading);
-    const Ref hyphen = new_text("-");
+    const Ref hyphen = new_string("-");
     const Ref rule = Ref::steal(python(PySequence_Repeat, hyphen, length(header)));
     print(rule);
     for (const Ref& row : Iteration(rows)) {

@@ -1,13 +1,13 @@
-// The interpreter's garbage collector. A collection runs finalizers, that is Python code, at any allocation of a
-// container.
+// The cyclic garbage collector, kept from running where no Python code may: a collection can start at any allocation
+// of a container, and runs finalizers.
 #pragma once
 
 #include "host/python.h"
 
 namespace jdb {
 
-// No collection starts while it lives; afterwards the collector is as it was found. It spans only what runs no Python
-// code: a process that is forked meanwhile would be left without a collector.
+// No collection starts while it lives; afterwards the collector is as it was found. Its scope runs no Python code: a
+// process forked in there would be left without a collector.
 class CollectorPaused {
 public:
     CollectorPaused() noexcept : was_enabled_(PyGC_Disable() != 0) {}

@@ -1,4 +1,4 @@
-// How an error is raised. Where the message can't be made, the error that kept it from being made goes on instead.
+// Raising an exception. The message is made first; where that fails, its own error is the pending one.
 #include "host/error.h"
 
 #include <cstdarg>

@@ -1,4 +1,4 @@
-// Errors of the interpreter: how they are raised, carried through C++ code, put aside, and handed back at the boundary.
+// Python exceptions in C++: raised where the error happens, carried as PythonError, handed back at the boundary.
 #pragma once
 
 #include <new>
@@ -9,20 +9,22 @@
 
 namespace jdb {
 
-// Thrown while the interpreter's error indicator is set; carries nothing itself.
+// Thrown while the interpreter's error indicator is set, which holds the exception. Carries nothing itself.
 struct PythonError {};
 
-// Sets the error (formats as PyUnicode_FromFormat's) and throws PythonError.
+// Raises an exception of that type; `format` is as PyUnicode_FromFormat's. Where the message can't be made, the error
+// of making it is raised instead.
 [[noreturn]] void raise(PyObject* type, const char* format, ...);
 
-// Turns a failing status of the C API (negative, error set) into PythonError.
+// The status of a call of the C API; PythonError where it is negative, which means that the error is set.
 inline int check(int status) {
     if (status < 0) throw PythonError{};
     return status;
 }
 
-// Whether the work was done; otherwise the error is pending. What answers an error with calls of the interpreter asks
-// this: it may make none within a `catch` block.
+// Runs `work`. False when it failed: then the Python exception is pending, MemoryError for lack of C++ memory. It
+// takes the place of a `catch` block, in which the interpreter must not be called. No other C++ exception may leave
+// `work`: it would end the process.
 template <class Work>
 [[nodiscard]] bool succeeds(Work&& work) noexcept {
     try {
@@ -36,7 +38,7 @@ template <class Work>
     return false;
 }
 
-// Keeps the pending error aside while it lives, so that work that cleans up may call the host.
+// Keeps the pending error aside while it lives, so that clean-up may call the interpreter; puts it back at the end.
 class SavedError {
 public:
     SavedError() noexcept { PyErr_Fetch(&type_, &value_, &traceback_); }
@@ -50,8 +52,7 @@ private:
     PyObject* traceback_ = nullptr;
 };
 
-// Runs `work` at the boundary to Python: what it returns goes out, C++ exceptions become the null result that stands
-// for a set error. `failure` is that result.
+// Runs `work` at the boundary to Python, and returns its result; `failure`, with the error set, when it failed.
 template <class Work, class Result>
 Result guarded(Work&& work, Result failure) noexcept {
     Result result = failure;

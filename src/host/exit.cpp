@@ -1,12 +1,13 @@
+// Where a thread waits that the interpreter has ended.
 #include "host/exit.h"
 
 #include <unistd.h>
 
 namespace jdb {
 
-// Which threads rest, for a debugger. By its model the loader provides this module's thread-local block with each
-// thread. The C++ library notes a thread's exceptions in that block, and otherwise asks for its memory at the thread's
-// first throw, and ends the process where there is none.
+// Shows a debugger which threads rest. More important is its storage model: the loader then allocates this module's
+// thread-local block with each thread. The C++ library keeps a thread's exceptions in that block. It would otherwise
+// allocate it at the thread's first throw, and end the process where there is no memory.
 [[gnu::tls_model("initial-exec")]] thread_local bool resting = false;
 
 void rest_until_exit() noexcept {

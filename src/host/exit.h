@@ -1,11 +1,10 @@
-// The interpreter's end, seen from a thread that is still at work. Once the main thread finalizes the interpreter, any
-// other thread that asks for the GIL is ended there and then: its stack is unwound, and on the way destructors would
-// touch Python objects without the GIL. So the unwinding is caught in the innermost frame of this module, before
-// any of its destructors, and the thread rests until the process is gone.
+// The end of the interpreter, seen from a thread still at work. Once the main thread finalizes the interpreter, any
+// other thread that asks for the GIL is ended there: its stack is unwound, and destructors would touch Python objects
+// without the GIL. `python` catches the unwinding before any destructor of this module runs, and the thread rests.
 //
-// Therefore every call of the C API that may run Python code goes through `python`; the dropping of a reference and
-// the making of a container do, too, by way of finalizers. And none stands in a `catch` block: within a block of its
-// own the C++ library takes the unwinding for a second exception, and ends the process. `succeeds` keeps them apart.
+// Every call of the C API that may run Python code goes through `python`. Dropping a reference and making a container
+// are such calls: they may run finalizers. None is made in a `catch` block: there the C++ library would take the
+// unwinding for a second exception and end the process. `succeeds` is for that.
 #pragma once
 
 #include <cxxabi.h>
@@ -14,9 +13,11 @@
 
 namespace jdb {
 
+// Holds the thread until the process is gone.
 [[noreturn]] void rest_until_exit() noexcept;
 
-// Calls a function of the C API that may run Python code, or wait for the GIL.
+// Calls a function of the C API that may run Python code or wait for the GIL, and returns its result. Does not return
+// in a thread that the interpreter ends.
 template <class Function, class... Arguments>
 [[gnu::always_inline]] inline decltype(auto) python(Function&& function, Arguments&&... arguments) {
     try {

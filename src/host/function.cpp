@@ -1,5 +1,5 @@
-// What every call of a method is bound by. Binding changes nothing but the array that it fills, so a refused call has
-// touched nothing.
+// Binding the arguments of a call. It fills the array of the caller and changes nothing else, so a refused call leaves
+// no trace.
 #include "host/function.h"
 
 #include <algorithm>
@@ -21,8 +21,8 @@ namespace {
           static_cast<Py_ssize_t>(limit), limit == 1 ? "" : "s", static_cast<Py_ssize_t>(given));
 }
 
-// The parameter's position, or the count when the keyword names none. Texts are compared without the keyword's own
-// `__eq__`, as the host binds its functions.
+// The parameter's position, or the count when the keyword names none. The strings are compared without the keyword's
+// own `__eq__`, as the interpreter does for Python functions.
 std::size_t find_parameter(const Signature& signature, PyObject* keyword) {
     for (std::size_t i = 0; i < signature.count; ++i) {
         if (signature.parameters[i].name == keyword) return i;

@@ -1,4 +1,4 @@
-// Native methods that are ordinary Python functions. One declaration, a signature as a `def` statement has it, gives a
+// Native methods: how a call's arguments reach a C++ body. The signature, written as in a `def` statement, gives a
 // method's name, parameters, defaults, annotations, argument checks and documentation.
 #pragma once
 
@@ -17,19 +17,20 @@ struct Method {
     const char* signature;
     const char* description;  // null for none
     vectorcallfunc entry;
-    Signature* parsed;  // filled when the class is made
+    Signature* parsed;  // filled by make_class
 };
 
-// Binds a call's arguments as the signature says, converts and tests them; raises TypeError with the boundary's
-// messages. `bound` has room for each parameter and owns what it holds.
+// Binds a call's arguments to the parameters, missing ones to the function's defaults; then converts them, and tests
+// their types. `bound` has an empty Ref for each parameter. TypeError for arguments that don't fit; conversions may run
+// Python code and raise its errors.
 void bind_arguments(const Signature& signature, PyObject* function, PyObject* const* arguments, std::size_t count,
                     PyObject* keyword_names, Ref* bound);
 
-// Refuses a call nested too deeply, as the host does for its own functions.
+// Counts a call towards the interpreter's recursion limit while it lives; RecursionError past the limit.
 class RecursionGuard {
 public:
     RecursionGuard() {
-        // A refusal leaves nothing to be undone, and is not negative.
+        // Not `check`: a refusal may be a positive number. It leaves nothing to be undone.
         if (python(Py_EnterRecursiveCall, " while calling a Python object") != 0) throw PythonError{};
     }
     ~RecursionGuard() { Py_LeaveRecursiveCall(); }
@@ -68,6 +69,7 @@ private:
     }
 };
 
+// The row for one body. The signature has as many parameters as the body.
 template <auto body>
 constexpr Method method(const char* signature, const char* description = nullptr) {
     return {signature, description, &Entry<body>::call, &Entry<body>::signature};

@@ -1,4 +1,4 @@
-// Look-ups of global names, by the host's rule for functions.
+// Looking up global names by the rule for Python functions.
 #include "host/module_state.h"
 
 namespace jdb {

@@ -1,4 +1,4 @@
-// What one import binds for good. All else is found through the module's namespace each time that it is needed.
+// What is found once, at import. Everything else is looked up in the module's namespace at each use.
 #pragma once
 
 #include "host/names.h"
@@ -17,9 +17,11 @@ struct ModuleState {
     PyObject* date_type = nullptr;  // the interpreter's own datetime.date; null where there is none
 };
 
+// One per process, as the module is; filled by the import.
 inline constinit ModuleState module_state;
 
-// The object that a method finds under a global name: in the module's namespace, else among the built-ins.
+// The object that a Python function of the module would find under a global name: in the module's namespace, else
+// among the built-ins. NameError where there is none.
 Ref global(PyObject* name);
 
 }  // namespace jdb

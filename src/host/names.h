@@ -1,4 +1,5 @@
-// The texts by which host objects are asked for things, each made and interned once, when it is first used.
+// The Python strings that this module passes to the C API: names of attributes, methods and keywords, and arguments.
+// Each is made and interned once, at its first use.
 #pragma once
 
 #include "host/error.h"
@@ -8,19 +9,19 @@ namespace jdb {
 
 class Name {
 public:
-    explicit constexpr Name(const char* text) noexcept : text_(text) {}
+    explicit constexpr Name(const char* utf8) noexcept : utf8_(utf8) {}
     Name(const Name&) = delete;
     Name& operator=(const Name&) = delete;
 
-    // Borrowed; it lives as long as the interpreter.
+    // Borrowed; it lives as long as the process. MemoryError where it can't be made.
     operator PyObject*() {  // NOLINT(google-explicit-constructor)
-        if (object_ == nullptr) object_ = PyUnicode_InternFromString(text_);
+        if (object_ == nullptr) object_ = PyUnicode_InternFromString(utf8_);
         if (object_ == nullptr) throw PythonError{};
         return object_;
     }
 
 private:
-    const char* text_;
+    const char* utf8_;
     PyObject* object_ = nullptr;
 };
 
@@ -39,7 +40,7 @@ inline constinit Name unique{"unique"};
 inline constinit Name default_value{"default"};
 inline constinit Name validation_pattern{"validation_pattern"};
 
-// Marks, in a table's own dictionary, the indexes that are to be rebuilt before anything relies on them.
+// The entry of a table's own dictionary that marks its indexes for a rebuild.
 inline constinit Name indexes_to_rebuild{"_indexes_to_rebuild"};
 
 // Methods of the database object that other methods call.
@@ -53,7 +54,7 @@ inline constinit Name validate_row{"_validate_row"};
 inline constinit Name dict_to_row_id{"_dict_to_row_id"};
 inline constinit Name project_row{"_project_row"};
 
-// Names of the module's namespace, found there each time that they are needed.
+// Names of the module's namespace, looked up at each use.
 inline constinit Name Column{"Column"};
 inline constinit Name Table{"Table"};
 inline constinit Name json{"json"};
@@ -66,15 +67,17 @@ inline constinit Name open{"open"};
 inline constinit Name number{"number"};
 inline constinit Name boolean{"boolean"};
 
-// What is called on host objects and modules.
+// Attributes and methods of other Python objects and modules.
 inline constinit Name append{"append"};
-inline constinit Name class_{"__class__"};
 inline constinit Name date{"date"};
 inline constinit Name datetime_capi{"datetime_CAPI"};
 inline constinit Name dump{"dump"};
-inline constinit Name enter{"__enter__"};
+inline constinit Name dunder_class{"__class__"};
+inline constinit Name dunder_enter{"__enter__"};
+inline constinit Name dunder_exit{"__exit__"};
+inline constinit Name dunder_name{"__name__"};
+inline constinit Name dunder_repr{"__repr__"};
 inline constinit Name exists{"exists"};
-inline constinit Name exit{"__exit__"};
 inline constinit Name flush{"flush"};
 inline constinit Name get{"get"};
 inline constinit Name getvalue{"getvalue"};
@@ -83,11 +86,9 @@ inline constinit Name items{"items"};
 inline constinit Name ljust{"ljust"};
 inline constinit Name loads{"loads"};
 inline constinit Name match{"match"};
-inline constinit Name name_{"__name__"};
 inline constinit Name path{"path"};
 inline constinit Name read{"read"};
 inline constinit Name remove{"remove"};
-inline constinit Name repr{"__repr__"};
 inline constinit Name strptime{"strptime"};
 inline constinit Name write{"write"};
 
@@ -99,12 +100,12 @@ inline constinit Name indent{"indent"};
 inline constinit Name limit{"limit"};
 inline constinit Name update{"update"};
 
-// Texts passed as arguments.
+// Strings passed as arguments.
 inline constinit Name date_format{"%Y-%m-%d"};
+inline constinit Name decimal_point{"."};
 inline constinit Name mode_read{"r"};
 inline constinit Name mode_read_bytes{"rb"};
 inline constinit Name mode_write{"w"};
-inline constinit Name point{"."};
 inline constinit Name utf8{"utf-8"};
 
 }  // namespace names

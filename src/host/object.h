@@ -1,5 +1,5 @@
-// Work on host objects by the host's own rules. Each function does what the expression of the host language beside it
-// does and throws PythonError where that raises; each may run host code. Look-ups return owned references.
+// Python expressions in C++. Each function does what the expression beside it does, and throws PythonError where that
+// raises. Each may run Python code. Results are owned.
 #pragma once
 
 #include <initializer_list>
@@ -11,6 +11,7 @@
 
 namespace jdb {
 
+// A keyword argument of a call; both borrowed.
 struct Keyword {
     PyObject* name;
     PyObject* value;
@@ -24,10 +25,10 @@ inline void set_attribute(PyObject* object, PyObject* name, PyObject* value) {  
 }
 Ref get_item(PyObject* container, PyObject* key);       // container[key]
 Ref get_item(PyObject* sequence, Py_ssize_t position);  // sequence[position], not negative
-Ref find_item(PyObject* dict, PyObject* key);           // the item of a dict, an empty Ref when there is none
-Ref find_in_module(PyObject* module, PyObject* name);  // what a module's own dict has, empty also where it is no module
-Ref item_if_key(PyObject* container, PyObject* key);   // container[key] if key in container, else an empty Ref
-Ref set_default(PyObject* dict, PyObject* key, PyObject* value);             // dict.setdefault(key, value)
+Ref find_item(PyObject* dict, PyObject* key);           // dict[key] of a dict, an empty Ref where there is none
+Ref find_in_module(PyObject* module, PyObject* name);   // the same of a module's namespace; empty where it is no module
+Ref item_if_key(PyObject* container, PyObject* key);    // container[key] if key in container, else an empty Ref
+Ref set_default(PyObject* dict, PyObject* key, PyObject* value);             // dict.setdefault(key, value) of a dict
 Ref get(PyObject* mapping, PyObject* key);                                   // mapping.get(key)
 Ref get(PyObject* mapping, PyObject* key, PyObject* fallback);               // mapping.get(key, fallback)
 inline void set_item(PyObject* container, PyObject* key, PyObject* value) {  // container[key] = value
@@ -46,20 +47,22 @@ inline Py_ssize_t length(PyObject* object) {    // len(object)
     if (size < 0) throw PythonError{};
     return size;
 }
-inline Ref text_of(PyObject* object) {  // str(object)
+inline Ref str_of(PyObject* object) {  // str(object)
     return Ref::steal(python(PyObject_Str, object));
 }
-Ref format(PyObject* object);                 // format(object), a string as it stands
-void append(PyObject* list, PyObject* item);  // list.append(item)
-inline Ref integer(Py_ssize_t value) { return Ref::steal(PyLong_FromSsize_t(value)); }
-inline Ref new_text(std::string_view utf8) {
+Ref format(PyObject* object);                                                           // format(object)
+void append(PyObject* list, PyObject* item);                                            // list.append(item)
+inline Ref integer(Py_ssize_t value) { return Ref::steal(PyLong_FromSsize_t(value)); }  // a new int
+// A new str; UnicodeDecodeError where the bytes are no valid UTF-8.
+inline Ref new_string(std::string_view utf8) {
     return Ref::steal(python(PyUnicode_DecodeUTF8, utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr));
 }
 inline Ref new_list() { return Ref::steal(python(PyList_New, 0)); }
 Ref new_list(PyObject* item);  // [item]
 inline Ref new_dict() { return Ref::steal(python(PyDict_New)); }
 
-// callable(*positional, **keywords), and object.name(...) by the host's method look-up.
+// callable(*positional, **keywords), and object.name(*positional, **keywords). There are at most eight arguments, the
+// object included.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> positional, std::initializer_list<Keyword> keywords = {});
 Ref call_method(PyObject* object, PyObject* name, std::initializer_list<PyObject*> positional = {},
                 std::initializer_list<Keyword> keywords = {});
@@ -67,8 +70,8 @@ Ref call_method(PyObject* object, PyObject* name, std::initializer_list<PyObject
 // Runs the handlers of pending signals, and raises what they raise.
 inline void check_signals() { check(python(PyErr_CheckSignals)); }
 
-// Asks for pending signals once in so many steps of a long walk, their handlers being host code, and raises what they
-// raise: an interrupt from the keyboard is not to wait for the end.
+// Checks for pending signals once in kSteps steps of a long walk, so that Ctrl-C need not wait for its end. The
+// handlers are Python code; what they raise is raised.
 class SignalCheck {
 public:
     static constexpr Py_ssize_t kSteps = 4096;
@@ -81,8 +84,8 @@ private:
     Py_ssize_t steps_ = 0;
 };
 
-// `for item in iterable`: a range of owned items. A list or a tuple is walked in place, its size read anew at
-// each step, as the host's own iterators do. Signals are asked for on the way.
+// `for item in iterable`: a range of owned items, to be walked once. The size of a list is read anew at each step, as
+// its iterator does. Pending signals are handled on the way.
 class Iteration {
 public:
     explicit Iteration(PyObject* iterable);
@@ -108,7 +111,7 @@ public:
 private:
     [[nodiscard]] Ref next();
 
-    Ref source_;  // the list or tuple itself, otherwise the host's iterator
+    Ref source_;  // the list or tuple itself, otherwise its iterator
     Py_ssize_t position_ = 0;
     SignalCheck signals_;
 };

@@ -1,4 +1,4 @@
-// The one include of the interpreter's headers, so that its required macros are set in one place.
+// The one include of Python.h, so that the macros that it asks for are defined in one place.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN

@@ -1,6 +1,7 @@
-// Ref owns one reference to a host object. A raw PyObject* in this code borrows, always.
+// Ref owns one reference to a Python object, or none. A raw PyObject* in this code always borrows.
 #pragma once
 
+#include <cassert>
 #include <utility>
 
 #include "host/error.h"
@@ -8,7 +9,7 @@
 
 namespace jdb {
 
-// Drops an owned reference, if there is one.
+// Drops an owned reference, if there is one. May run Python code.
 inline void drop(PyObject* object) {
     if (object != nullptr) python([object] { Py_DECREF(object); });
 }
@@ -24,25 +25,26 @@ public:
     }
     ~Ref() { drop(object_); }
 
-    // Takes over the new reference that a call returned; throws when the call failed.
+    // Takes over the new reference that a call of the C API returned; PythonError where it is null.
     static Ref steal(PyObject* object) {
         if (object == nullptr) throw PythonError{};
         return Ref(object);
     }
-    // Adds a reference to a lent object, which must be there.
+    // Adds a reference to a borrowed object, which is not null.
     static Ref borrow(PyObject* object) noexcept {
+        assert(object != nullptr);
         Py_INCREF(object);
         return Ref(object);
     }
     static Ref none() noexcept { return borrow(Py_None); }
     static Ref boolean(bool value) noexcept { return borrow(value ? Py_True : Py_False); }
 
-    // A lent pointer, from named values only: one taken from a temporary would dangle.
+    // The borrowed pointer, from named values only: one taken from a temporary would dangle.
     operator PyObject*() const& noexcept { return object_; }  // NOLINT(google-explicit-constructor)
     operator PyObject*() const&& = delete;
     explicit operator bool() const noexcept { return object_ != nullptr; }
 
-    // Gives the reference away, to a call that takes it over.
+    // Gives the reference to the caller, who then owns it.
     [[nodiscard]] PyObject* release() noexcept { return std::exchange(object_, nullptr); }
 
 private:

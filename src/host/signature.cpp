@@ -1,4 +1,4 @@
-// Each function walks the text anew: it is short, and read at import alone.
+// Each function walks the source of the signature anew: it is short, and read only at import.
 #include "host/signature.h"
 
 #include <charconv>
@@ -16,42 +16,42 @@ struct Declaration {
     std::string_view default_value;  // empty for none
 };
 
-std::string_view name_of(std::string_view text) { return text.substr(0, text.find('(')); }
+std::string_view name_of(std::string_view source) { return source.substr(0, source.find('(')); }
 
-std::string_view result_of(std::string_view text) {
+std::string_view result_of(std::string_view source) {
     constexpr std::string_view arrow = ") -> ";
-    const std::size_t at = text.find(arrow);
-    return at == std::string_view::npos ? std::string_view{} : text.substr(at + arrow.size());
+    const std::size_t at = source.find(arrow);
+    return at == std::string_view::npos ? std::string_view{} : source.substr(at + arrow.size());
 }
 
 // The end of the name, annotation or default that starts at `start`: the first of `stops` outside brackets.
-std::size_t end_of(std::string_view text, std::size_t start, std::string_view stops) {
+std::size_t end_of(std::string_view source, std::size_t start, std::string_view stops) {
     int depth = 0;
-    for (std::size_t at = start; at < text.size(); ++at) {
-        if (depth == 0 && stops.find(text[at]) != std::string_view::npos) return at;
-        if (text[at] == '[') ++depth;
-        if (text[at] == ']') --depth;
+    for (std::size_t at = start; at < source.size(); ++at) {
+        if (depth == 0 && stops.find(source[at]) != std::string_view::npos) return at;
+        if (source[at] == '[') ++depth;
+        if (source[at] == ']') --depth;
     }
-    return text.size();
+    return source.size();
 }
 
-// Calls `use` for each parameter that the text declares, in order.
+// Calls `use` for each parameter that the source declares, in order.
 template <class Use>
-void each_parameter(std::string_view text, Use use) {
-    std::size_t at = text.find('(') + 1;
-    while (text[at] != ')') {
+void each_parameter(std::string_view source, Use use) {
+    std::size_t at = source.find('(') + 1;
+    while (source[at] != ')') {
         Declaration declaration;
         const auto take = [&](std::string_view stops) {
             const std::size_t start = at;
-            at = end_of(text, start, stops);
-            return text.substr(start, at - start);
+            at = end_of(source, start, stops);
+            return source.substr(start, at - start);
         };
         declaration.name = take(":=,)");
-        if (text[at] == ':') {
+        if (source[at] == ':') {
             at += 2;
             declaration.annotation = take("=,)");
         }
-        if (text[at] == '=') {
+        if (source[at] == '=') {
             // There are blanks around the sign where there is an annotation.
             const bool blanks = !declaration.annotation.empty();
             if (blanks) declaration.annotation.remove_suffix(1);
@@ -59,7 +59,7 @@ void each_parameter(std::string_view text, Use use) {
             declaration.default_value = take(",)");
         }
         use(declaration);
-        if (text[at] == ',') at += 2;
+        if (source[at] == ',') at += 2;
     }
 }
 
@@ -81,8 +81,8 @@ Check check_of(std::string_view annotation) {
     return {Rule::any, nullptr, or_none};
 }
 
-PyObject* interned(std::string_view text) {
-    PyObject* string = new_text(text).release();
+PyObject* interned(std::string_view source) {
+    PyObject* string = new_string(source).release();
     PyUnicode_InternInPlace(&string);
     return string;
 }
@@ -91,7 +91,7 @@ PyObject* interned(std::string_view text) {
 Ref constant(std::string_view literal) {
     if (literal == "None") return Ref::none();
     if (literal == "False" || literal == "True") return Ref::boolean(literal == "True");
-    if (literal.starts_with('\'')) return new_text(literal.substr(1, literal.size() - 2));
+    if (literal.starts_with('\'')) return new_string(literal.substr(1, literal.size() - 2));
     Py_ssize_t value = 0;
     std::from_chars(literal.data(), literal.data() + literal.size(), value);
     return integer(value);
@@ -105,10 +105,10 @@ void fill(PyObject* tuple, std::size_t position, Ref item) {
 
 }  // namespace
 
-Signature parse_signature(std::string_view text) {
+Signature parse_signature(std::string_view source) {
     Signature signature;
-    signature.name = interned(name_of(text));
-    each_parameter(text, [&](const Declaration& declaration) {
+    signature.name = interned(name_of(source));
+    each_parameter(source, [&](const Declaration& declaration) {
         const Check check = check_of(declaration.annotation);
         signature.parameters.at(signature.count++) = {interned(declaration.name), check.rule, check.or_none};
     });
@@ -121,9 +121,9 @@ Ref parameter_names(const Signature& signature) {
     return names;
 }
 
-Ref make_defaults(std::string_view text) {
+Ref make_defaults(std::string_view source) {
     std::vector<Ref> values;
-    each_parameter(text, [&](const Declaration& declaration) {
+    each_parameter(source, [&](const Declaration& declaration) {
         if (!declaration.default_value.empty()) values.push_back(constant(declaration.default_value));
     });
     if (values.empty()) return {};
@@ -132,29 +132,29 @@ Ref make_defaults(std::string_view text) {
     return defaults;
 }
 
-Ref make_annotations(std::string_view text) {
+Ref make_annotations(std::string_view source) {
     Ref annotations = new_dict();
     const auto annotate = [&](std::string_view name, std::string_view annotation) {
-        const Ref key = new_text(name);
-        const Ref value = new_text(annotation);
+        const Ref key = new_string(name);
+        const Ref value = new_string(annotation);
         if (!annotation.empty()) set_item(annotations, key, value);
     };
-    each_parameter(text, [&](const Declaration& declaration) { annotate(declaration.name, declaration.annotation); });
-    annotate("return", result_of(text));
+    each_parameter(source, [&](const Declaration& declaration) { annotate(declaration.name, declaration.annotation); });
+    annotate("return", result_of(source));
     return annotations;
 }
 
-std::string signature_line(std::string_view text) {
+std::string signature_line(std::string_view source) {
     std::string line;
     std::size_t copied = 0;
-    each_parameter(text, [&](const Declaration& declaration) {
+    each_parameter(source, [&](const Declaration& declaration) {
         const Check check = check_of(declaration.annotation);
         if (check.type_name == nullptr) return;
-        const auto position = static_cast<std::size_t>(declaration.name.data() - text.data());
-        line.append(text, copied, position - copied).append(check.type_name).append(" ");
+        const auto position = static_cast<std::size_t>(declaration.name.data() - source.data());
+        line.append(source, copied, position - copied).append(check.type_name).append(" ");
         copied = position;
     });
-    return line.append(text, copied);
+    return line.append(source, copied);
 }
 
 }  // namespace jdb

@@ -1,5 +1,5 @@
-// The signature of a native method, as a `def` statement has it. It gives the method's name, parameters, defaults and
-// annotations; what a call's arguments are converted to and tested for follows from the annotations.
+// The signature of a native method, written as in a `def` statement. It gives the method's name, parameters, defaults
+// and annotations. The annotations say what arguments are converted to and tested for.
 #pragma once
 
 #include <array>
@@ -11,11 +11,12 @@
 
 namespace jdb {
 
-// What an annotation asks of an argument. Conversions come before the tests of exact types.
+// What an annotation asks of an argument. `integer` and `truth` convert; all but `any` and `truth` then test for the
+// exact type.
 enum class Rule : unsigned char { any, integer, truth, string, list, dict };
 
 struct Parameter {
-    PyObject* name = nullptr;  // interned; lives as long as the interpreter
+    PyObject* name = nullptr;  // interned; lives as long as the process
     Rule rule = Rule::any;
     bool or_none = false;  // None passes unchanged
 };
@@ -24,19 +25,21 @@ struct Parameter {
 struct Signature {
     static constexpr std::size_t kMaxParameters = 5;
 
-    PyObject* name = nullptr;  // the method's; interned, too
+    PyObject* name = nullptr;  // the method's; interned, lives as long as the process
     std::array<Parameter, kMaxParameters> parameters;
     std::size_t count = 0;
 };
 
-Signature parse_signature(std::string_view text);
+// All of these read a signature that is written in this module, so it is well-formed: blanks are where a formatter
+// puts them. They fail for lack of memory only.
+Signature parse_signature(std::string_view source);
 
 // The attributes of a function that its signature gives.
 Ref parameter_names(const Signature& signature);  // a tuple
-Ref make_defaults(std::string_view text);         // a tuple of constants; an empty Ref where there are none
-Ref make_annotations(std::string_view text);      // a dict of strings, the result's under "return"
+Ref make_defaults(std::string_view source);       // a tuple of constants; an empty Ref where there are none
+Ref make_annotations(std::string_view source);    // a dict of strings, the result's under "return"
 
-// The signature with each checked parameter's type before its name.
-std::string signature_line(std::string_view text);
+// The first line of a method's documentation: the signature with each checked parameter's type before its name.
+std::string signature_line(std::string_view source);
 
 }  // namespace jdb

@@ -3,6 +3,7 @@
 // next one starts afresh.
 #include <new>
 #include <string>
+#include <utility>
 
 #include "cpython310/native_class.h"
 #include "host/module_state.h"
@@ -24,7 +25,7 @@ bool initialised = false;
 void check_owner() {
     PyObject* own = PyInterpreterState_GetDict(PyInterpreterState_Get());
     if (own == nullptr) throw std::bad_alloc();
-    const Ref mark = new_text("json_database");
+    const Ref mark = new_string("json_database");
     if (!owned) set_item(own, mark, Py_True);
     owned = true;
     if (!contains(own, mark)) {
@@ -98,7 +99,7 @@ Ref bind_from(const Source& source, const char* name) {
 
 void replace(PyObject*& slot, Ref value) { drop(std::exchange(slot, value.release())); }
 
-void bind_for_good(PyObject* module) {
+void fill_module_state(PyObject* module) {
     const Source io("io");
     PyObject* builtins = PyEval_GetBuiltins();
     replace(module_state.module, Ref::borrow(module));
@@ -140,7 +141,7 @@ void initialise(PyObject* module) {
     }
     initialised = succeeds([&] {
         check_version(module);
-        bind_for_good(module);
+        fill_module_state(module);
         bind_names();
     });
     if (initialised) return;

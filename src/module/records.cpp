@@ -5,6 +5,8 @@
 #include <span>
 #include <string>
 
+#include "host/object.h"
+
 namespace jdb {
 namespace {
 
@@ -14,9 +16,9 @@ struct Field {
     Ref default_value;  // empty where the field must be given; a constant, or what makes a new one for each record
 };
 
-std::string shown(PyObject* default_value) {
+std::string default_repr(PyObject* default_value) {
     if (default_value != Py_None && PyBool_Check(default_value) == 0) return "<factory>";
-    const Ref text = text_of(default_value);
+    const Ref text = str_of(default_value);
     const char* utf8 = PyUnicode_AsUTF8(text);
     if (utf8 == nullptr) throw PythonError{};
     return utf8;
@@ -28,22 +30,22 @@ Ref documentation(const char* name, std::span<const Field> fields) {
     const char* before = "(";
     for (const Field& field : fields) {
         text.append(before).append(field.name).append(": '").append(field.declared_type).append("'");
-        if (field.default_value) text.append(" = ").append(shown(field.default_value));
+        if (field.default_value) text.append(" = ").append(default_repr(field.default_value));
         before = ", ";
     }
-    return new_text(text.append(")"));
+    return new_string(text.append(")"));
 }
 
 Ref make_record(const char* name, std::span<const Field> fields, PyObject* globals, PyObject* dataclass) {
     const Ref attributes = new_dict();
     const Ref annotations = new_dict();
-    const Ref class_name = new_text(name);
+    const Ref class_name = new_string(name);
     const Ref module_name = Ref::steal(python(PyMapping_GetItemString, globals, "__name__"));
     check(python(PyDict_SetItemString, attributes, "__module__", module_name));
     check(python(PyDict_SetItemString, attributes, "__qualname__", class_name));
     check(python(PyDict_SetItemString, attributes, "__annotations__", annotations));
     for (const Field& field : fields) {
-        const Ref declared_type = new_text(field.declared_type);
+        const Ref declared_type = new_string(field.declared_type);
         check(python(PyDict_SetItemString, annotations, field.name, declared_type));
         if (field.default_value) check(python(PyDict_SetItemString, attributes, field.name, field.default_value));
     }

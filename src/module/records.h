@@ -1,7 +1,7 @@
 // The records Column and Table: data classes of the host, made when the module is imported.
 #pragma once
 
-#include "host/object.h"
+#include "host/ref.h"
 
 namespace jdb {
 

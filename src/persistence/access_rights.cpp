@@ -33,7 +33,7 @@ void visit_entries(std::string& list, Visit visit) {
 }
 
 // Whether the file has no list because nothing there has one.
-bool without_list(int error) { return error == ENODATA || error == EOPNOTSUPP || error == ENOSYS; }
+bool means_no_list(int error) { return error == ENODATA || error == EOPNOTSUPP || error == ENOSYS; }
 
 // Reads the list by way of `get(buffer, size)`.
 template <class Get>
@@ -44,7 +44,7 @@ void read_list(AccessRights& rights, Get get) {
         read = run([&] { return get(rights.list.data(), rights.list.size()); });
     }
     rights.list.resize(read.error == 0 ? static_cast<std::size_t>(read.result) : 0);
-    rights.list_known = read.error == 0 || without_list(read.error);
+    rights.list_known = read.error == 0 || means_no_list(read.error);
 }
 
 int read_rights(int directory, const std::string& file, AccessRights& rights) {
@@ -68,7 +68,7 @@ int read_rights(int directory, const std::string& file, AccessRights& rights) {
 }
 
 // The old group's members count among the others now, and others have come into the group: both get what both had.
-void narrow_to_strangers(AccessRights& rights) {
+void narrow_without_group(AccessRights& rights) {
     mode_t both = (rights.status.st_mode >> 3U) & rights.status.st_mode & S_IRWXO;
     visit_entries(rights.list, [&](char tag, char allowed) {
         if (tag == Tag::owning_group) both &= static_cast<mode_t>(allowed);
@@ -101,13 +101,13 @@ int give_owner_and_group(int new_file, AccessRights& rights) {
     if (own.st_uid == user && own.st_gid == group) return 0;
 
     Outcome given = run([&] { return fchown(new_file, user, group); });
-    if (!refused(given.error)) return given.error;
+    if (!is_unavailable(given.error)) return given.error;
     // What runs under the owner's or group's name is not to run under another.
     rights.status.st_mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
     if (own.st_gid == group) return 0;
     given = run([&] { return fchown(new_file, static_cast<uid_t>(-1), group); });
-    if (!refused(given.error)) return given.error;
-    narrow_to_strangers(rights);
+    if (!is_unavailable(given.error)) return given.error;
+    narrow_without_group(rights);
     return 0;
 }
 
@@ -119,9 +119,9 @@ int give_list(int new_file, AccessRights& rights) {
     // The directory may have given the new file a list of its own.
     if (rights.list.empty() || given.error != 0) {
         const Outcome removed = run([&] { return fremovexattr(new_file, kListName); });
-        if (given.error == 0 && !without_list(removed.error)) given = removed;
+        if (given.error == 0 && !means_no_list(removed.error)) given = removed;
     }
-    if (!refused(given.error)) return given.error;
+    if (!is_unavailable(given.error)) return given.error;
     narrow_without_list(rights);
     return 0;
 }
@@ -133,12 +133,12 @@ int give_mode(int new_file, const AccessRights& rights) {
     const mode_t mode = own.st_mode & 07777U;
     if (mode == rights.mode()) return 0;
     const Outcome given = run([&] { return fchmod(new_file, rights.mode()); });
-    return refused(given.error) && (mode & ~rights.mode()) == 0 ? 0 : given.error;
+    return is_unavailable(given.error) && (mode & ~rights.mode()) == 0 ? 0 : given.error;
 }
 
 }  // namespace
 
-int take_over_access_rights(int directory, const std::string& file, int new_file) {
+int copy_access_rights(int directory, const std::string& file, int new_file) {
     AccessRights rights;
     int error = read_rights(directory, file, rights);
     if (error == ENOENT) return 0;

@@ -9,6 +9,6 @@ namespace jdb::persistence {
 // file that lies under the name. What can't be handed on is narrowed: at no moment has anybody a right that the old
 // file did not give, except that one who may not keep the owner becomes it. Where no old file lies, nothing changes.
 // 0, or the error number.
-int take_over_access_rights(int directory, const std::string& file, int new_file);
+int copy_access_rights(int directory, const std::string& file, int new_file);
 
 }  // namespace jdb::persistence

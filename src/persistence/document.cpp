@@ -59,7 +59,7 @@ bool has_member_names(PyObject* index) {
 class WritableIndex {
 public:
     void add(PyObject* key, PyObject* ids) {
-        const Ref name = can_be_member_name(key) ? Ref::borrow(key) : text_of(key);
+        const Ref name = can_be_member_name(key) ? Ref::borrow(key) : str_of(key);
         const Ref present = set_default(index_, name, ids);
         if (present == ids) return;
         if (!PyList_Check(static_cast<PyObject*>(present)) || !PyList_Check(ids)) {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <bit>
-#include <cstdint>
+#include <cstddef>
 #include <cstring>
 
 namespace jdb::persistence {

@@ -7,11 +7,11 @@
 #include <bit>
 #include <cassert>
 #include <charconv>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/collector.h"
@@ -218,7 +218,7 @@ private:
     // The object that json.load gives for the word, each time the same.
     Ref read_constant(const char* word) {
         if (!take_word(word)) return {};
-        const Ref name = new_text(word);
+        const Ref name = new_string(word);
         return find_item(constants_, name);
     }
 

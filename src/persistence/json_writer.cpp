@@ -5,10 +5,10 @@
 #include <datetime.h>
 
 #include <algorithm>
-#include <array>
 #include <cassert>
 #include <cmath>
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 #include "host/object.h"
@@ -217,7 +217,7 @@ void write_date(PyObject* value, bool with_time, OutputBuffer& out) {
 class Kind {
 public:
     explicit Kind(PyObject* object) : object_(object) {
-        PyObject* claimed = python(PyObject_GetAttr, object, names::class_);
+        PyObject* claimed = python(PyObject_GetAttr, object, names::dunder_class);
         if (claimed == nullptr && PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
         if (claimed == nullptr) {
             python(PyErr_Clear);
@@ -239,16 +239,16 @@ private:
 
 // int.__repr__(number) and its like, which refuse what only claims to be of the type.
 Ref repr_as(PyTypeObject& type, PyObject* number) {
-    const Ref repr = get_attribute(reinterpret_cast<PyObject*>(&type), names::repr);
+    const Ref repr = get_attribute(reinterpret_cast<PyObject*>(&type), names::dunder_repr);
     return call(repr, {number});
 }
 
 // A number by the steps of the standard writer, which compare it by its own rules.
-Ref float_text(PyObject* number) {
-    if (unequal(number, number)) return new_text("NaN");
+Ref float_string(PyObject* number) {
+    if (unequal(number, number)) return new_string("NaN");
     for (const double infinity : {HUGE_VAL, -HUGE_VAL}) {
         const Ref infinite = Ref::steal(PyFloat_FromDouble(infinity));
-        if (equal(number, infinite)) return new_text(infinity > 0 ? "Infinity" : "-Infinity");
+        if (equal(number, infinite)) return new_string(infinity > 0 ? "Infinity" : "-Infinity");
     }
     return repr_as(PyFloat_Type, number);
 }
@@ -347,7 +347,7 @@ private:
             const Ref digits = repr_as(PyLong_Type, value);
             add_ascii(digits, out_);
         } else if (kind.is(PyFloat_Type)) {
-            const Ref digits = float_text(value);
+            const Ref digits = float_string(value);
             add_ascii(digits, out_);
         } else if (kind.is(PyList_Type) || kind.is(PyTuple_Type)) {
             write_array(value, parent);
@@ -442,14 +442,14 @@ private:
             require_string(key);
             write_string(key, out_.size(), out_);
         } else if (kind.is(PyFloat_Type)) {
-            const Ref digits = float_text(key);
+            const Ref digits = float_string(key);
             write_string(digits, out_.size(), out_);
         } else if (kind.is(PyLong_Type)) {
             const Ref digits = repr_as(PyLong_Type, key);
             write_string(digits, out_.size(), out_);
         } else {
-            const Ref key_class = get_attribute(key, names::class_);
-            const Ref class_name = get_attribute(key_class, names::name_);
+            const Ref key_class = get_attribute(key, names::dunder_class);
+            const Ref class_name = get_attribute(key_class, names::dunder_name);
             const Ref name = format(class_name);
             raise(PyExc_TypeError, "keys must be str, int, float, bool or None, not %U", static_cast<PyObject*>(name));
         }

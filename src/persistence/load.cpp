@@ -110,7 +110,7 @@ Ref load(PyObject* self) {
     if (succeeds([&] { read_file(self); })) return Ref::none();
     if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw PythonError{};
     HandledError error;
-    const Ref text = text_of(error.value());
+    const Ref text = str_of(error.value());
     const Ref report = Ref::steal(PyUnicode_FromFormat("Error loading database: %U", static_cast<PyObject*>(text)));
     call(module_state.print, {report});
     error.reraise();

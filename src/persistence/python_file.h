@@ -9,8 +9,8 @@ namespace jdb::persistence {
 // Runs `use` with the opened file as the `with` statement does: the file is closed on success and on failure.
 template <class Use>
 void with_file(PyObject* file, Use use) {
-    const Ref exit = get_attribute(file, names::exit);
-    const Ref entered = call_method(file, names::enter);
+    const Ref exit = get_attribute(file, names::dunder_exit);
+    const Ref entered = call_method(file, names::dunder_enter);
     if (succeeds([&] { use(entered); })) {
         call(exit, {Py_None, Py_None, Py_None});
         return;

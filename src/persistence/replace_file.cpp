@@ -11,10 +11,10 @@
 
 #include <chrono>
 #include <cstdint>
-
-#include "persistence/access_rights.h"
+#include <utility>
 
 #include "host/object.h"
+#include "persistence/access_rights.h"
 
 namespace jdb::persistence {
 namespace {
@@ -110,7 +110,7 @@ void FileReplacement::write(std::string_view bytes) {
 void FileReplacement::commit() {
     flush();
     check_signals();
-    take_over_access_rights();
+    copy_access_rights();
     if (new_name_.empty()) give_name();
     rename();
     // A file system without a journal has no name counted for the file on its disk so far, and would lose it with the
@@ -135,9 +135,8 @@ void FileReplacement::flush_directory() const {
     if (flushed.error != 0 && flushed.error != EINVAL) raise_os_error(flushed.error, target_.name);
 }
 
-void FileReplacement::take_over_access_rights() {
-    const int error =
-        persistence::take_over_access_rights(target_.directory.number(), target_.file, new_file_.number());
+void FileReplacement::copy_access_rights() {
+    const int error = persistence::copy_access_rights(target_.directory.number(), target_.file, new_file_.number());
     if (error != 0) raise_os_error(error, target_.name);
 }
 
@@ -148,7 +147,7 @@ void FileReplacement::give_name() {
                       }).error;
     if (error == 0) return;
     // There may be no /proc, and links may be forbidden.
-    if (error != ENOENT && !refused(error)) raise_os_error(error, target_.name);
+    if (error != ENOENT && !is_unavailable(error)) raise_os_error(error, target_.name);
     copy_to_named_file();
 }
 
@@ -163,7 +162,7 @@ void FileReplacement::copy_to_named_file() {
         if (sent.result == 0) break;
     }
     flush();
-    take_over_access_rights();
+    copy_access_rights();
 }
 
 void FileReplacement::rename() {

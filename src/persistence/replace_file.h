@@ -32,7 +32,7 @@ private:
     void make_with_name();
     void give_name();
     void copy_to_named_file();
-    void take_over_access_rights();
+    void copy_access_rights();
     void rename();
     void flush() const;
     void flush_directory() const;

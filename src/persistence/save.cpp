@@ -5,6 +5,8 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "host/module_state.h"
 #include "persistence/document.h"
@@ -40,7 +42,7 @@ void write_document(PyObject* document, const Sink& sink) {
 Ref document_string(PyObject* document) {
     std::string text;
     write_document(document, [&](std::string_view piece) { text.append(piece); });
-    return new_text(text);
+    return new_string(text);
 }
 
 void replace_file(ReplaceTarget target, PyObject* document) {

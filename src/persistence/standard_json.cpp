@@ -41,7 +41,7 @@ bool is_string(PyObject* object, const char* expected) {
 bool is_defined_in(PyObject* function, const char* module, const char* name) {
     if (function == nullptr || !PyFunction_Check(function)) return false;
     const auto* code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
-    const Ref defined_in = find_item(PyFunction_GET_GLOBALS(function), names::name_);
+    const Ref defined_in = find_item(PyFunction_GET_GLOBALS(function), names::dunder_name);
     return is_string(code->co_name, name) && is_string(defined_in, module);
 }
 

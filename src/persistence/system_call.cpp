@@ -9,7 +9,7 @@
 
 namespace jdb::persistence {
 
-bool refused(int error) {
+bool is_unavailable(int error) {
     return error == EPERM || error == EACCES || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
 }
 

@@ -40,7 +40,7 @@ Outcome run(SystemCall system_call) {
 }
 
 // Whether the system or a file system has no such call, or grants it to others only: a way round it is taken then.
-bool refused(int error);
+bool is_unavailable(int error);
 
 // Raises the OSError of that number for that file. A remark goes in brackets behind the system's words.
 [[noreturn]] void raise_os_error(int error, PyObject* filename, const char* remark = nullptr);

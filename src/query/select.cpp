@@ -22,19 +22,19 @@ namespace {
 bool is_limited(PyObject* limit) { return limit != Py_None && truth(limit); }
 
 // A limit beyond a machine word cuts off as much as the nearest one within.
-Py_ssize_t clamped(PyObject* limit) { return PyNumber_AsSsize_t(limit, nullptr); }
+Py_ssize_t clamp_to_ssize(PyObject* limit) { return PyNumber_AsSsize_t(limit, nullptr); }
 
 // `results[:limit]`
-Ref cut(const Ref& results, PyObject* limit) {
+Ref apply_limit(const Ref& results, PyObject* limit) {
     if (!is_limited(limit)) return results;
-    Py_ssize_t end = clamped(limit);
+    Py_ssize_t end = clamp_to_ssize(limit);
     if (end < 0) end += length(results);
     return Ref::steal(python(PyList_GetSlice, results, 0, end));
 }
 
 // Whether self._row_to_dict may be called directly: nobody has redefined it, and the boundary before it would let the
 // row pass.
-bool converts_plainly(PyObject* self, PyObject* row) {
+bool can_skip_method_call(PyObject* self, PyObject* row) {
     return PyList_CheckExact(row) && has_original(self, names::row_to_dict);
 }
 
@@ -54,8 +54,9 @@ Ref select_listed(PyObject* self, PyObject* table, PyObject* index, PyObject* va
         const Ref rows = get_attribute(table, names::rows);
         const Ref row = get_item(rows, id);
         if (is_deleted(row)) continue;
-        const Ref row_dict = converts_plainly(self, row) ? row_to_dict(self, table, row, columns)
-                                                         : call_method(self, names::row_to_dict, {table, row, columns});
+        const Ref row_dict = can_skip_method_call(self, row)
+                                 ? row_to_dict(self, table, row, columns)
+                                 : call_method(self, names::row_to_dict, {table, row, columns});
         append(results, row_dict);
     }
     return results;
@@ -85,7 +86,7 @@ struct Query {
 class Results {
 public:
     explicit Results(PyObject* limit)
-        : list_(new_list()), limited_(is_limited(limit)), limit_(limited_ ? clamped(limit) : 0) {}
+        : list_(new_list()), limited_(is_limited(limit)), limit_(limited_ ? clamp_to_ssize(limit) : 0) {}
 
     void add(PyObject* row_dict) {
         append(list_, row_dict);
@@ -222,7 +223,7 @@ Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject*
         const Ref indexes = settle_indexes(table);
         const Ref index = item_if_key(indexes, name);
         if (index) {
-            return cut(select_listed(self, table, index, value, columns), limit);
+            return apply_limit(select_listed(self, table, index, value, columns), limit);
         }
     }
     return select_scanned({self, table, conditions, columns}, limit);
@@ -233,12 +234,12 @@ Ref get_row(PyObject* self, PyObject* table_name, PyObject* row_id) {
     Py_ssize_t position = 0;
     const Ref rows = get_attribute(table, names::rows);
     if (!has_row(rows, row_id, position)) {
-        const Ref id_text = text_of(row_id);
-        raise(PyExc_IndexError, "Row index (%U) out of range", static_cast<PyObject*>(id_text));
+        const Ref id_string = str_of(row_id);
+        raise(PyExc_IndexError, "Row index (%U) out of range", static_cast<PyObject*>(id_string));
     }
     const Ref row = get_item(rows, position);
     if (is_deleted(row)) raise(PyExc_ValueError, "Row has been deleted");
-    if (converts_plainly(self, row)) return row_to_dict(self, table, row, Py_None);
+    if (can_skip_method_call(self, row)) return row_to_dict(self, table, row, Py_None);
     Ref row_dict = call_method(self, names::row_to_dict, {table, row});
     if (!PyDict_Check(row_dict) && row_dict != Py_None) {
         raise(PyExc_TypeError, "Expected %s, got %.200s", "dict", Py_TYPE(row_dict)->tp_name);

@@ -13,8 +13,8 @@ Ref update(PyObject* self, PyObject* table_name, PyObject* row_id, PyObject* new
     Py_ssize_t position = 0;
     const Ref rows = get_attribute(table, names::rows);
     if (!has_row(rows, row_id, position)) {
-        const Ref id_text = text_of(row_id);
-        raise(PyExc_IndexError, "Row index %U out of range", static_cast<PyObject*>(id_text));
+        const Ref id_string = str_of(row_id);
+        raise(PyExc_IndexError, "Row index %U out of range", static_cast<PyObject*>(id_string));
     }
     settle_indexes(table);
 

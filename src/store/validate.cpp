@@ -2,7 +2,9 @@
 // are written to, so that a refused row leaves no trace.
 #include "store/validate.h"
 
+#include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "cpython310/handled_error.h"
 #include "host/module_state.h"
@@ -17,8 +19,8 @@ namespace {
 bool is_keyword(PyObject* data_type, Name& keyword) { return equal(data_type, keyword); }
 
 Ref to_number(PyObject* value) {
-    const Ref text = text_of(value);
-    return Ref::steal(python(contains(text, names::point) ? PyNumber_Float : PyNumber_Long, value));
+    const Ref text = str_of(value);
+    return Ref::steal(python(contains(text, names::decimal_point) ? PyNumber_Float : PyNumber_Long, value));
 }
 
 Ref to_date(PyObject* text) {
@@ -42,16 +44,16 @@ Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
         throw PythonError{};
     }
     const HandledError cause;
-    const Ref type_text = format(data_type);
-    const Ref name_text = format(column_name);
-    raise(PyExc_ValueError, "Invalid %U value for column '%U'", static_cast<PyObject*>(type_text),
-          static_cast<PyObject*>(name_text));
+    const Ref type_name = format(data_type);
+    const Ref name = format(column_name);
+    raise(PyExc_ValueError, "Invalid %U value for column '%U'", static_cast<PyObject*>(type_name),
+          static_cast<PyObject*>(name));
 }
 
 // Raises ValueError with the column's name between the two pieces.
 [[noreturn]] void refuse(const char* before, PyObject* column_name, const char* after) {
-    const Ref name_text = format(column_name);
-    raise(PyExc_ValueError, "%s%U%s", before, static_cast<PyObject*>(name_text), after);
+    const Ref name = format(column_name);
+    raise(PyExc_ValueError, "%s%U%s", before, static_cast<PyObject*>(name), after);
 }
 
 void match_pattern(PyObject* column, PyObject* column_name, PyObject* value) {

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cassert>
+#include <utility>
 
 #include "cpython310/own_fields.h"
 #include "cpython310/versions.h"
@@ -26,13 +27,13 @@ Ref require_table(PyObject* self, PyObject* table_name) {
     const Ref tables = tables_of(self);
     Ref table = item_if_key(tables, table_name);
     if (!table) {
-        const Ref message = unknown_table_text(table_name);
+        const Ref message = unknown_table_message(table_name);
         raise(PyExc_ValueError, "%U", static_cast<PyObject*>(message));
     }
     return table;
 }
 
-Ref unknown_table_text(PyObject* table_name) {
+Ref unknown_table_message(PyObject* table_name) {
     return Ref::steal(PyUnicode_FromFormat("Table '%U' does not exist", table_name));
 }
 

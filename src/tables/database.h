@@ -13,7 +13,7 @@ inline Ref tables_of(PyObject* self) { return get_attribute(self, names::tables)
 Ref require_table(PyObject* self, PyObject* table_name);
 
 // The message for an unknown table: require_table raises it, a display prints it.
-Ref unknown_table_text(PyObject* table_name);
+Ref unknown_table_message(PyObject* table_name);
 
 // Whether self.<method> is the one that import made, with its defaults, on a class and an instance that redefine
 // neither it nor the look-up. One of `_row_to_dict` and `_project_row`.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "cpython310/compare.h"
 #include "cpython310/own_fields.h"
@@ -155,7 +156,7 @@ void mark_indexes(PyObject* table) {
 }
 
 Ref settle_indexes(PyObject* table) {
-    make_late_marks();
+    make_pending_marks();
     const KnownTable* known = KnownTable::of(table);
     if (known != nullptr && known->has_settled_indexes()) return Ref::borrow(known->indexes());
     Ref current = get_attribute(table, names::indexes);

@@ -29,7 +29,7 @@ void mark_indexes(PyObject* table);
 Ref settle_indexes(PyObject* table);
 
 // Makes the marks that could not be made for want of memory; settle_indexes calls it.
-void make_late_marks();
+void make_pending_marks();
 
 // Starts the column's index anew and lists every row that is not deleted. What was listed by the time of an error
 // stays.

@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <unordered_map>
+#include <utility>
 
 #include "cpython310/own_fields.h"
 #include "host/collector.h"

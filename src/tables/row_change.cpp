@@ -2,6 +2,8 @@
 // is set when it is done.
 #include <algorithm>
 #include <cassert>
+#include <utility>
+#include <vector>
 
 #include "tables/indexes.h"
 #include "tables/rows.h"
@@ -10,7 +12,7 @@ namespace jdb {
 namespace {
 
 // Tables whose mark could not be made for want of memory; it is made before any indexes are relied on again.
-std::vector<Ref>& late_marks() {
+std::vector<Ref>& pending_marks() {
     static auto& tables = *new std::vector<Ref>();
     return tables;
 }
@@ -84,16 +86,16 @@ void take_off(PyObject* rows, PyObject* row) {
 
 }  // namespace
 
-void make_late_marks() {
-    while (!late_marks().empty()) {
-        mark_indexes(late_marks().back());
-        late_marks().pop_back();
+void make_pending_marks() {
+    while (!pending_marks().empty()) {
+        mark_indexes(pending_marks().back());
+        pending_marks().pop_back();
     }
 }
 
 RowChange::RowChange(PyObject* table, PyObject* row_id)
     : table_(Ref::borrow(table)), row_id_(Ref::borrow(row_id)), indexes_(get_attribute(table, names::indexes)) {
-    late_marks().reserve(late_marks().size() + static_cast<std::size_t>(changes_under_way) + 1);
+    pending_marks().reserve(pending_marks().size() + static_cast<std::size_t>(changes_under_way) + 1);
     ++changes_under_way;
 }
 
@@ -104,7 +106,7 @@ RowChange::~RowChange() {
     if (agrees_) return;
     if (succeeds([&] { mark_indexes(table_); })) return;
     python(PyErr_Clear);
-    late_marks().push_back(table_);
+    pending_marks().push_back(table_);
 }
 
 // Whether the row is in the place of the id, and the table's indexes are those that the change began with: then nobody

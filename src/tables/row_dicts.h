@@ -1,6 +1,7 @@
 // Making row dictionaries of one set of keys, one after the other.
 #pragma once
 
+#include <utility>
 #include <vector>
 
 #include "host/ref.h"
