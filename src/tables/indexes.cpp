@@ -1,5 +1,5 @@
-// The mark, the rebuild, the build and the look-up. A rebuilt table gets its indexes when they are complete; an index
-// that is built by hand is in place from the start.
+// Marking, rebuilding, building and looking up indexes. A rebuilt table gets its new indexes when they are complete,
+// and then loses the mark. An index built by name is in place from the start.
 #include "tables/indexes.h"
 
 #include <algorithm>
@@ -38,7 +38,7 @@ void add_empty(PyObject* indexes, PyObject* name) {
 // An empty index for each column that is to have one: those that are marked, in their order, then unique columns that
 // lack one.
 Ref empty_indexes(PyObject* columns, PyObject* marked) {
-    const Ref wanted = new_dict();  // name: whatever
+    const Ref wanted = new_dict();  // a set of names in their order: name to None
     for (const Ref& column : Iteration(columns)) {
         const Ref name = get_attribute(column, names::name);
         const Ref unique = get_attribute(column, names::unique);
@@ -54,7 +54,7 @@ Ref empty_indexes(PyObject* columns, PyObject* marked) {
     return indexes;
 }
 
-// The columns whose values are listed; of several with one name, each.
+// The columns whose values are listed: all that have an index, also where several share a name.
 std::vector<IndexedColumn> indexed_columns(PyObject* columns, PyObject* indexes) {
     std::vector<IndexedColumn> indexed;
     Py_ssize_t position = 0;
@@ -90,16 +90,15 @@ void list_row(const std::vector<IndexedColumn>& indexed, PyObject* row, Py_ssize
     list_values(indexed, row, row_id);
 }
 
-// Rows whose values are plain are listed in stretches that run no Python code, so that the collector need not go
-// through the lists made there time and again: a rebuild of 100,000 rows
-// takes a quarter to a third of the time.
+// Rows of plain values are listed in stretches that run no Python code, and therefore with the collector paused, which
+// would go through the new lists time and again. A rebuild of 100,000 rows then takes a quarter to a third of the time.
 Ref rebuild(PyObject* table, PyObject* marked) {
     const Ref columns = get_attribute(table, names::columns);
     Ref indexes = empty_indexes(columns, marked);
     const std::vector<IndexedColumn> indexed = indexed_columns(columns, indexes);
     if (indexed.empty()) return indexes;
 
-    bool plain = true;  // so are all keys listed by now
+    bool plain = true;  // all keys listed so far are
     const auto list_plain_rows = [&](PyObject* rows, Py_ssize_t id, Py_ssize_t end) {
         const CollectorPaused paused;
         for (; plain && id < end; ++id) {
@@ -119,9 +118,9 @@ Ref rebuild(PyObject* table, PyObject* marked) {
     return indexes;
 }
 
-// ---- Building by hand ----
+// ---- Building one index ----
 
-// The position of the last column of that name, -1 when no column bears it.
+// The position of the last column of that name, -1 when there is none.
 Py_ssize_t last_position(PyObject* columns, PyObject* column_name) {
     Py_ssize_t found = -1;
     Py_ssize_t position = 0;
@@ -177,7 +176,7 @@ void build_index(PyObject* table, PyObject* column_name) {
     const Ref indexes = get_attribute(table, names::indexes);
     const Ref empty = new_dict();
     set_item(indexes, column_name, empty);
-    // The columns are asked for their names at the first row that needs it: a table without rows may hold anything.
+    // The columns' names are read at the first row that needs them: a table without rows may have anything as columns.
     std::optional<Py_ssize_t> position;
     Py_ssize_t row_id = -1;
     const Ref rows = get_attribute(table, names::rows);

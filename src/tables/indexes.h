@@ -1,13 +1,13 @@
-// The column indexes of a table: column name to value to the ids of the rows that hold it, in the order in which they
-// were added. The rows are the truth; the indexes follow them, edited in place.
+// The column indexes of a table: column name to value to a list of the ids of the rows that hold the value, in the
+// order in which they were added. The rows are the truth; the indexes follow them, edited in place.
 //
-// Order: settle first; withdraw a row once, before its new values are validated; add it once, when it is in its place;
-// keep last. What is not kept is undone, latest step first. Where a step of that fails as well, or other code has put
-// another row in the row's place meanwhile, the table's indexes are marked, as those of a file are when it is loaded,
-// and rebuilt from the rows at the next use.
+// A changing operation calls settle_indexes, then makes a RowChange: withdraw the old row before the new values are
+// validated, put or append the new one, add it, keep. What is not kept is undone, latest step first. Where undoing
+// fails too, or Python code has put another row in the place meanwhile, the table's indexes are marked like those of a
+// loaded file, and rebuilt from the rows at the next use.
 //
-// Cost: one dictionary access for each indexed column of a row; a withdrawal also goes through the ids that share a
-// value, of which a unique column has one. A rebuild goes once through all rows.
+// Cost: one dictionary access for each indexed column of a row; a withdrawal also searches the ids under the value, of
+// which a unique column has one. A rebuild goes once through all rows.
 #pragma once
 
 #include <vector>
@@ -18,31 +18,33 @@ namespace jdb {
 
 // ---- The whole of a table's indexes ----
 
-// Marks the indexes that the table has now as not to be relied on: those of a file name rows by the ids of the database
-// that was saved, and their keys have become strings. The mark is an entry in the table's own dictionary, which copies
-// and pickles keep; it holds the very indexes, so that others put in their place are taken as they are.
+// Marks the table's present indexes for a rebuild. Those of a file need it: their ids are from before deleted rows were
+// left out, and their keys have become strings. The mark is an entry in the table's own dictionary, which copies and
+// pickles keep; it holds the indexes themselves, so that others assigned in their place are used as they are.
 void mark_indexes(PyObject* table);
 
-// To be called before an operation relies on the table's indexes or keeps them: rebuilds marked ones, for each column
-// that they name and each unique column. A value that can't be hashed is left unlisted. On an error the table is as it
-// was. The result is table.indexes.
+// table.indexes, fit for use: to be called before an operation relies on the indexes or edits them. Rebuilds marked
+// ones, for each column that they name and each unique column; a value that can't be hashed is left unlisted. On an
+// error the table is unchanged.
 Ref settle_indexes(PyObject* table);
 
-// Makes the marks that could not be made for want of memory; settle_indexes calls it.
+// Makes the marks that failed for lack of memory, for settle_indexes. What fails again raises, and waits for the next
+// call.
 void make_pending_marks();
 
-// Starts the column's index anew and lists every row that is not deleted. What was listed by the time of an error
-// stays.
+// Starts the column's index anew and lists every row that is not deleted. On an error, what was listed so far stays.
 void build_index(PyObject* table, PyObject* column_name);
 
 // ---- Looking up ----
 
-// The id listed first under the value of a unique column that the data has; an empty Ref when none is listed.
+// For the first unique column whose index lists the data's value, the first id listed; an empty Ref where no index
+// does.
 Ref find_unique_value(PyObject* table, PyObject* data);
 
 // ---- One row's change ----
 
-// A change of one row and of its index entries, step by step. Going out of scope undoes what was not kept.
+// A change of one row and of its index entries, step by step. The destructor undoes what was not kept. Each step may
+// run Python code and raise its errors.
 class RowChange {
 public:
     RowChange(PyObject* table, PyObject* row_id);
@@ -50,13 +52,15 @@ public:
     RowChange(const RowChange&) = delete;
     RowChange& operator=(const RowChange&) = delete;
 
-    // Takes the id out of the lists of the row's values; a value whose list empties is dropped.
+    // Takes the id of the old row out of the lists under its values, and drops a value whose list is then empty. Once,
+    // first.
     void withdraw(PyObject* row);
-    // Puts the row in the place of the id, whatever is there, or at the end of the table's rows.
+    // Stores the new row in the place of the withdrawn one, or at the end of the table's rows.
     void put(PyObject* row);
     void append(PyObject* row);
-    // Lists the id under each of the row's values, at the end.
+    // Lists the id under each value of the new row, at the end. Once, when the row is stored.
     void add(PyObject* row);
+    // Makes the change final; marks the indexes where other code has replaced the row meanwhile.
     void keep() noexcept;
 
 private:
@@ -76,11 +80,11 @@ private:
 
     Ref table_;
     Ref row_id_;
-    Ref indexes_;  // as the change found them
-    Ref old_row_;  // that was withdrawn; empty before
-    Ref new_row_;  // that was put or appended; empty before
+    Ref indexes_;  // the table's when the change began
+    Ref old_row_;  // empty until one is withdrawn
+    Ref new_row_;  // empty until one is stored
     std::vector<Step> steps_;
-    bool agrees_ = true;  // whether rows and indexes certainly agree once all is done or undone
+    bool agrees_ = true;  // rows and indexes certainly agree once all is done or undone; else the destructor marks them
 };
 
 }  // namespace jdb

@@ -1,5 +1,6 @@
-// The memory of a table is found by its address, dies with it by way of a weak reference, and holds while the stamps
-// do.
+// What is known of a table is found by the table's address, is valid while the stamps of the table and its columns are
+// the same, and is dropped by a weak reference's callback when the table dies. It is stored when it is complete, so an
+// error leaves what was known before.
 #include "tables/known_table.h"
 
 #include <cassert>
@@ -35,7 +36,7 @@ Ref forget_at_death(PyObject* table) {
     return Ref::steal(reference);
 }
 
-// name: position, of several columns with one name the first or the last.
+// A dict of name to position; of several columns with one name, the first or the last.
 Ref positions_of(const std::vector<Ref>& names, bool last) {
     Ref positions = new_dict();
     for (std::size_t i = 0; i < names.size(); ++i) {
@@ -49,7 +50,7 @@ Ref positions_of(const std::vector<Ref>& names, bool last) {
     return positions;
 }
 
-// Each name once, where it first appears, with its position in `last`.
+// The entries of a dictionary of all columns; `last` has the names in the order of their first columns.
 std::vector<RowDicts::Entry> entries_of(PyObject* last) {
     std::vector<RowDicts::Entry> entries;
     Py_ssize_t at = 0;
@@ -66,7 +67,7 @@ std::vector<RowDicts::Entry> entries_of(PyObject* last) {
 KnownTable* KnownTable::of(PyObject* table) {
     const auto found = remembered().find(table);
     if (found != remembered().end() && found->second->is_current(table)) return found->second.get();
-    const CollectorPaused paused;  // it would run Python code in between
+    const CollectorPaused paused;  // a finalizer could change what is being read
     std::unique_ptr<KnownTable> known = read(table);
     if (!known) return nullptr;
     static std::uint64_t last_serial = 0;
@@ -114,7 +115,7 @@ bool KnownTable::is_current(PyObject* table) const {
         if (Py_TYPE(*column) != column_type_ || fields_version(*column, column_type_) != version) return false;
         ++column;
     }
-    // A class without columns may be gone; one with columns is there.
+    // Without columns there is no class to look at; with columns, they keep theirs alive.
     return names_.empty() || class_version(column_type_) == column_type_version_;
 }
 

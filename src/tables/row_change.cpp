@@ -1,5 +1,6 @@
-// A log of plain steps. Each is entered before it is taken, so that lack of memory comes before a change, and its kind
-// is set when it is done.
+// A log of steps. Each is entered before it is taken, so that lack of memory comes before a change, and gets its kind
+// when it is done. After a failure the steps done are undone, latest first; what can't be undone is mended by a rebuild
+// of the marked indexes.
 #include <algorithm>
 #include <cassert>
 #include <utility>
@@ -11,7 +12,8 @@
 namespace jdb {
 namespace {
 
-// Tables whose mark could not be made for want of memory; it is made before any indexes are relied on again.
+// Tables whose mark could not be made for lack of memory; it is made before any indexes are used again. Room for them
+// is reserved when a change begins.
 std::vector<Ref>& pending_marks() {
     static auto& tables = *new std::vector<Ref>();
     return tables;
@@ -46,7 +48,7 @@ void insert_at(PyObject* ids, Py_ssize_t position, PyObject* row_id) {
     }
 }
 
-// The position of that very object, counted from the end: an equal one that was there before is another's.
+// The position of that very object, searched from the end; -1 when it is not there. An equal one is another's.
 Py_ssize_t find_last(PyObject* list, PyObject* object) {
     for (Py_ssize_t i = length(list); i-- > 0;) {
         const Ref item = get_item(list, i);
@@ -71,8 +73,8 @@ void each_indexed_value(PyObject* table, PyObject* row, Use use) {
     }
 }
 
-// Takes a row off the end. Rows that other code has put behind it keep their ids: then a deleted row stays in its
-// place.
+// Removes an appended row. Where other code has added rows behind it, a deleted row takes its place, so that they keep
+// their ids.
 void take_off(PyObject* rows, PyObject* row) {
     const Py_ssize_t position = find_last(rows, row);
     if (position < 0) return;
@@ -109,8 +111,8 @@ RowChange::~RowChange() {
     pending_marks().push_back(table_);
 }
 
-// Whether the row is in the place of the id, and the table's indexes are those that the change began with: then nobody
-// else has worked on the row meanwhile.
+// Whether the row is at its id, and the table has the indexes that the change began with: then no other code has worked
+// on the row meanwhile.
 bool RowChange::agrees(PyObject* row) const noexcept {
     bool agrees = false;
     const bool known = succeeds([&] {
@@ -119,7 +121,7 @@ bool RowChange::agrees(PyObject* row) const noexcept {
         const Ref indexes = get_attribute(table_, names::indexes);
         agrees = found == row && indexes == indexes_;
     });
-    if (!known) python(PyErr_Clear);  // no such row any more
+    if (!known) python(PyErr_Clear);  // there is no such row any more
     return agrees;
 }
 
@@ -182,6 +184,7 @@ void RowChange::add(PyObject* row) {
 }
 
 void RowChange::keep() noexcept {
+    assert(new_row_);
     agrees_ = agrees_ && agrees(new_row_);
     steps_.clear();
 }
@@ -193,7 +196,7 @@ void RowChange::undo() noexcept {
         if (was_withdrawn && agrees_) agrees_ = agrees(old_row_);
         if (was_withdrawn && !agrees_) continue;
         if (succeeds([&] { undo_step(step); })) continue;
-        python(PyErr_Clear);  // the error that led here goes on; this one is made up for by the rebuild
+        python(PyErr_Clear);  // the caller sees the first error; the rebuild makes up for this one
         agrees_ = false;
     }
 }

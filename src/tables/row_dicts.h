@@ -1,4 +1,4 @@
-// Making row dictionaries of one set of keys, one after the other.
+// Making row dictionaries that all have the same keys.
 #pragma once
 
 #include <utility>
@@ -11,19 +11,19 @@ namespace jdb {
 class RowDicts {
 public:
     struct Entry {
-        Ref key;  // exactly a string, unlike the others
-        Py_ssize_t position;
+        Ref key;              // exactly a str, and different from the other entries'
+        Py_ssize_t position;  // of its value in the row
     };
     explicit RowDicts(std::vector<Entry> entries) : entries_(std::move(entries)) {}
 
-    // A new dictionary of the row's values; the row is a list that is wide enough. Runs no Python code while the
-    // collector is paused.
+    // A new dictionary of the row's values. The row is exactly a list, with a value at each entry's position. Runs no
+    // Python code while the collector is paused.
     [[nodiscard]] Ref make(PyObject* row);
 
 private:
     std::vector<Entry> entries_;
     Py_ssize_t made_ = 0;
-    Ref shared_;  // the others are copies of it; empty while few were made
+    Ref shared_;  // the dictionary that new ones are copies of; empty while few were made
 };
 
 }  // namespace jdb

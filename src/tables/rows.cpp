@@ -1,11 +1,14 @@
-// Tests on rows. A row or a list of rows that the host has replaced by another kind of object is walked as such.
+// Python code may put any object in the place of a row or of the list of rows. What is not exactly a list is walked by
+// the iterator protocol.
 #include "tables/rows.h"
+
+#include <cassert>
 
 namespace jdb {
 
 bool holds_only_none(PyObject* row) {
     if (PyList_CheckExact(row)) {
-        // No host code runs in here, so the row can't change.
+        // No Python code runs in here, so the row can't change.
         const Py_ssize_t size = PyList_GET_SIZE(row);
         for (Py_ssize_t i = 0; i < size; ++i) {
             if (PyList_GET_ITEM(row, i) != Py_None) return false;
@@ -39,6 +42,7 @@ Ref make_tombstone(PyObject* columns) {
 }
 
 bool has_row(PyObject* rows, PyObject* row_id, Py_ssize_t& position) {
+    assert(PyLong_CheckExact(row_id));
     int overflow = 0;
     const long long id = PyLong_AsLongLongAndOverflow(row_id, &overflow);
     if (id < 0 || overflow != 0) return false;

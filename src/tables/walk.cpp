@@ -1,12 +1,13 @@
-// Nothing here runs Python code between two looks at a row, so borrowed pointers hold.
+// A filter runs no Python code, so its borrowed pointers stay valid.
 #include "tables/walk.h"
 
 #include <cassert>
 
 namespace jdb {
 
-// Conditions are looked at in order, up to the first that is not met.
+// Whether the row meets all conditions: that of the first which it does not certainly meet.
 Equality RowFilter::match(PyObject* row) const {
+    assert(is_wide_enough(row, width_));
     for (const Condition& condition : conditions_) {
         PyObject* stored = condition.position < 0 ? Py_None : PyList_GET_ITEM(row, condition.position);
         const Equality result = compare_plain(stored, condition.value);

@@ -1,8 +1,9 @@
-// The walk over a table's rows. Rows that certainly don't match are skipped where they lie, without a row dictionary
-// and without running Python code; each other row gets a closer look, by the defining steps.
+// Walking over a table's rows. The fast path skips rows that certainly don't match, without a row dictionary and
+// without running Python code. Each other row is looked at on the slow path, by the defining steps.
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 #include <vector>
 
@@ -12,28 +13,28 @@
 
 namespace jdb {
 
-// What a row is to hold in one column.
+// The value that a row is to have in one column.
 struct Condition {
-    static constexpr Py_ssize_t kNoColumn = -1;  // the row counts as holding None there
-
-    Py_ssize_t position;
+    Py_ssize_t position;  // -1 where the table has no such column: a row counts as having None in it
     Ref value;
 };
 
-// What rows are looked for, by position. It may be used as long as the positions hold and none of the steps that it
-// spares is redefined: whoever makes it has asked for that.
+// The rows that a walk looks for, by position. The user sees to it that the positions are current, and that no method
+// is redefined whose call the filter saves.
 class RowFilter {
 public:
-    // Tells about rows of that many values or more.
-    RowFilter(std::vector<Condition> conditions, Py_ssize_t width)
-        : conditions_(std::move(conditions)), width_(width) {}
+    // `width` is more than every position: rows with fewer values are not judged.
+    RowFilter(std::vector<Condition> conditions, Py_ssize_t width) : conditions_(std::move(conditions)), width_(width) {
+        assert(std::all_of(conditions_.begin(), conditions_.end(),
+                           [&](const Condition& condition) { return condition.position < width; }));
+    }
 
     struct Found {
         Py_ssize_t position;
         bool matches;  // certainly
     };
-    // The first row from `start` to `end` that is not certain to be deleted or to miss a condition; `end` when there is
-    // none. Runs no Python code.
+    // The first row from `start` to `end` that is not certainly deleted and does not certainly fail a condition; `end`
+    // when there is none. `rows` is exactly a list. Runs no Python code.
     [[nodiscard]] Found skip(PyObject* rows, Py_ssize_t start, Py_ssize_t end) const;
 
 private:
@@ -43,9 +44,9 @@ private:
     Py_ssize_t width_;
 };
 
-// Walks the rows in order. Between two looks `skip(rows, start, end)` passes over rows of a list: it gives the position
-// of the next one to look at, or `end`, or the size of the list to end the walk. `look(row, id)` may run Python code;
-// the walk ends when it returns true. Signals are handled on the way.
+// Walks over the rows in order. In a list, `skip(rows, start, end)` first passes over rows; it returns the position of
+// the next one to look at, or `end`, or the size of the list to end the walk. `look(row, id)` may run Python code; the
+// walk ends when it returns true. Pending signals are handled on the way.
 template <class Skip, class Look>
 void walk_rows(PyObject* rows, Skip skip, Look look) {
     Py_ssize_t id = 0;
@@ -55,7 +56,7 @@ void walk_rows(PyObject* rows, Skip skip, Look look) {
         }
         return;
     }
-    // The size is read anew at each step, as an iterator does.
+    // The size is read anew at each step, as a list's iterator does.
     while (id < PyList_GET_SIZE(rows)) {
         const Py_ssize_t end = std::min(PyList_GET_SIZE(rows), id + SignalCheck::kSteps);
         id = skip(rows, id, end);
@@ -70,10 +71,9 @@ void walk_rows(PyObject* rows, Skip skip, Look look) {
 // How many of the rows do not count as deleted.
 Py_ssize_t count_live(PyObject* rows);
 
-// Asks the processor for the memory that the rows a little behind this one will need: a large table is walked at the
-// speed at which it arrives. The `count` values from `position` on are what the walk looks at. Without this a
-// scan of 100,000 rows takes 1.5 to 1.8 times as long.
-// Always inline: a compiler that finds a function without effects leaves its calls out.
+// Prefetches the memory of the rows a little behind row `at`, of which the walk reads `count` values from `position`
+// on. Without it a scan of 100,000 rows takes 1.5 to 1.8 times as long. Always inline: a compiler may leave out calls
+// of a function without effects.
 [[gnu::always_inline]] inline void prefetch_rows(PyObject* rows, Py_ssize_t at, Py_ssize_t position,
                                                  Py_ssize_t count = 1) {
     constexpr Py_ssize_t kLists = 96;
