@@ -1,4 +1,5 @@
-// Widths first, then the lines; all text is the host's, counted in its characters. Only reads.
+// The rows are selected, then the widths found, then the lines printed one by one; an error leaves those printed so
+// far. Widths count the characters of Python strings. Nothing of the database is changed.
 #include "display/display.h"
 
 #include "host/module_state.h"
@@ -8,7 +9,7 @@
 namespace jdb::display {
 namespace {
 
-void print(PyObject* text) { call(module_state.print, {text}); }
+void print(PyObject* line) { call(module_state.print, {line}); }
 
 Ref column_names(PyObject* table) {
     Ref result = new_list();
@@ -20,8 +21,8 @@ Ref column_names(PyObject* table) {
     return result;
 }
 
-void widen(PyObject* widths, PyObject* key, PyObject* text) {
-    const Ref needed = integer(length(text));
+void widen(PyObject* widths, PyObject* key, PyObject* string) {
+    const Ref needed = integer(length(string));
     const Ref current = get_item(widths, key);
     if (check(python(PyObject_RichCompareBool, needed, current, Py_GT)) != 0) set_item(widths, key, needed);
 }
@@ -37,8 +38,8 @@ Ref column_widths(PyObject* columns, PyObject* rows) {
         for (const Ref& item : Iteration(items)) {
             const Ref key = get_item(item, Py_ssize_t{0});
             const Ref value = get_item(item, Py_ssize_t{1});
-            const Ref text = str_of(value);
-            widen(widths, key, text);
+            const Ref string = str_of(value);
+            widen(widths, key, string);
         }
     }
     return widths;
@@ -49,9 +50,9 @@ Ref join(PyObject* cells) {
     return Ref::steal(python(PyUnicode_Join, separator, cells));
 }
 
-Ref pad(PyObject* text, PyObject* widths, PyObject* name) {
+Ref pad(PyObject* string, PyObject* widths, PyObject* name) {
     const Ref width = get_item(widths, name);
-    return call_method(text, names::ljust, {width});
+    return call_method(string, names::ljust, {width});
 }
 
 Ref header_line(PyObject* columns, PyObject* widths) {
@@ -68,8 +69,8 @@ Ref row_line(PyObject* row, PyObject* columns, PyObject* widths) {
     const Ref cells = new_list();
     for (const Ref& name : Iteration(columns)) {
         const Ref value = call_method(row, names::get, {name, missing});
-        const Ref text = str_of(value);
-        const Ref cell = pad(text, widths, name);
+        const Ref string = str_of(value);
+        const Ref cell = pad(string, widths, name);
         append(cells, cell);
     }
     return join(cells);

@@ -1,12 +1,12 @@
-// A table printed for a person to read.
+// Printing a table for people to read.
 #pragma once
 
 #include "host/ref.h"
 
 namespace jdb::display {
 
-// Prints a header, a rule, at most `limit` rows and a count, through the host's print. An unknown table and one without
-// columns are said in a line.
+// Prints a header, a rule, the rows that `select` gives for `limit`, and a count, through the built-in print. An
+// unknown table or one without columns gets a one-line message instead. None.
 Ref display_table(PyObject* self, PyObject* table_name, PyObject* limit);
 
 }  // namespace jdb::display

@@ -1,5 +1,5 @@
-// To add a method, add a row. The signature is the host's own notation; what an annotation asks of an argument is
-// said in host/function.h.
+// To add a method, add a row. The signature is written as in a `def` statement; host/signature.h says what an
+// annotation asks of an argument.
 #include "module/methods.h"
 
 #include "display/display.h"

@@ -1,4 +1,4 @@
-// The methods of JSONDatatable: the one table in which they are declared.
+// The methods of JSONDatatable, all declared in one table.
 #pragma once
 
 #include <span>
@@ -7,7 +7,7 @@
 
 namespace jdb {
 
-// In the order in which the class defines them.
+// The table's rows, in the order in which the class defines the methods.
 std::span<const Method> methods();
 
 }  // namespace jdb

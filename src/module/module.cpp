@@ -1,6 +1,6 @@
-// The extension module: creation, the checks of an import, and the names that it binds, in their order. The module
-// belongs to the interpreter that first created it; an import that fails leaves nothing behind, so that the
-// next one starts afresh.
+// The extension module: its creation, the checks of an import, and the names that an import binds, in their order. The
+// module belongs to the interpreter that first creates it. A failing import gives up the module object, so that the
+// next one starts anew.
 #include <new>
 #include <string>
 #include <utility>
@@ -20,8 +20,8 @@ bool initialised = false;
 
 // ---- Creation ----
 
-// The owner has a mark in its own dictionary: numbers and addresses of interpreters come again when the runtime is
-// finalized and started anew, and so may this check, with nothing in hand but what the new runtime gives.
+// The owner has a mark in its own dictionary. Ids and addresses of interpreters would not do: they are used again when
+// the runtime is finalized and started anew.
 void check_owner() {
     PyObject* own = PyInterpreterState_GetDict(PyInterpreterState_Get());
     if (own == nullptr) throw std::bad_alloc();
@@ -78,8 +78,9 @@ struct Source {
     Ref module;
 };
 
-// `from source import name`. Where the module has no such name, the statement itself looks on and finds the words.
-Ref take(const Source& source, const char* name) {
+// `from source import name`. Where the module has no such attribute, the statement itself is run: it also looks for a
+// submodule, and words the error.
+Ref import_from(const Source& source, const char* name) {
     PyObject* found = python(PyObject_GetAttrString, source.module, name);
     if (found != nullptr) return Ref::steal(found);
     if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
@@ -92,23 +93,23 @@ Ref take(const Source& source, const char* name) {
 
 // The same, bound in the module's namespace.
 Ref bind_from(const Source& source, const char* name) {
-    Ref value = take(source, name);
+    Ref value = import_from(source, name);
     bind(name, value);
     return value;
 }
 
-void replace(PyObject*& slot, Ref value) { drop(std::exchange(slot, value.release())); }
+void assign(PyObject*& slot, Ref value) { drop(std::exchange(slot, value.release())); }
 
 void fill_module_state(PyObject* module) {
     const Source io("io");
     PyObject* builtins = PyEval_GetBuiltins();
-    replace(module_state.module, Ref::borrow(module));
-    replace(module_state.globals, Ref::borrow(PyModule_GetDict(module)));
-    replace(module_state.builtins, Ref::borrow(builtins));
-    replace(module_state.print, Ref::steal(python(PyMapping_GetItemString, builtins, "print")));
-    replace(module_state.open, take(io, "open"));
-    replace(module_state.bytes_io, take(io, "BytesIO"));
-    replace(module_state.text_io_wrapper, take(io, "TextIOWrapper"));
+    assign(module_state.module, Ref::borrow(module));
+    assign(module_state.globals, Ref::borrow(PyModule_GetDict(module)));
+    assign(module_state.builtins, Ref::borrow(builtins));
+    assign(module_state.print, Ref::steal(python(PyMapping_GetItemString, builtins, "print")));
+    assign(module_state.open, import_from(io, "open"));
+    assign(module_state.bytes_io, import_from(io, "BytesIO"));
+    assign(module_state.text_io_wrapper, import_from(io, "TextIOWrapper"));
 }
 
 void bind_names() {
@@ -122,7 +123,7 @@ void bind_names() {
     bind_module("re");
     const Source datetime("datetime");
     bind_from(datetime, "datetime");
-    replace(module_state.date_type, persistence::import_date_types(datetime.module));
+    assign(module_state.date_type, persistence::import_date_types(datetime.module));
 
     const Ref column_class = make_column_class(module_state.globals, dataclass);
     bind("Column", column_class);
@@ -146,11 +147,11 @@ void initialise(PyObject* module) {
     });
     if (initialised) return;
     const SavedError error;
-    replace(module_state.module, {});
+    assign(module_state.module, {});
     throw PythonError{};
 }
 
-// ---- What the host calls ----
+// ---- What the interpreter calls ----
 
 PyObject* create(PyObject* spec, PyModuleDef* /*definition*/) noexcept {
     return guarded([&] { return create_module(spec).release(); }, static_cast<PyObject*>(nullptr));

@@ -1,5 +1,5 @@
-// The two data classes, each from one list of its fields. Nothing of the records stays here once they are made:
-// the methods find them by name in the module's namespace.
+// The two data classes, each from one list of its fields. Nothing here refers to them once they are made: methods find
+// them by name in the module's namespace.
 #include "module/records.h"
 
 #include <span>
@@ -13,27 +13,27 @@ namespace {
 struct Field {
     const char* name;
     const char* declared_type;
-    Ref default_value;  // empty where the field must be given; a constant, or what makes a new one for each record
+    Ref default_value;  // empty where the field must be given; otherwise a constant or the result of `field`
 };
 
 std::string default_repr(PyObject* default_value) {
     if (default_value != Py_None && PyBool_Check(default_value) == 0) return "<factory>";
-    const Ref text = str_of(default_value);
-    const char* utf8 = PyUnicode_AsUTF8(text);
+    const Ref string = str_of(default_value);
+    const char* utf8 = PyUnicode_AsUTF8(string);
     if (utf8 == nullptr) throw PythonError{};
     return utf8;
 }
 
-// As the decorator itself would write it; but it asks inspect.signature, at a tenth of the whole import's time.
+// What the decorator would write. It would ask inspect.signature, which takes a tenth of the import's time.
 Ref documentation(const char* name, std::span<const Field> fields) {
-    std::string text(name);
+    std::string docstring(name);
     const char* before = "(";
     for (const Field& field : fields) {
-        text.append(before).append(field.name).append(": '").append(field.declared_type).append("'");
-        if (field.default_value) text.append(" = ").append(default_repr(field.default_value));
+        docstring.append(before).append(field.name).append(": '").append(field.declared_type).append("'");
+        if (field.default_value) docstring.append(" = ").append(default_repr(field.default_value));
         before = ", ";
     }
-    return new_string(text.append(")"));
+    return new_string(docstring.append(")"));
 }
 
 Ref make_record(const char* name, std::span<const Field> fields, PyObject* globals, PyObject* dataclass) {
@@ -52,8 +52,8 @@ Ref make_record(const char* name, std::span<const Field> fields, PyObject* globa
     const Ref bases = Ref::steal(python(PyTuple_New, 0));
     auto* metaclass = reinterpret_cast<PyObject*>(&PyType_Type);
     const Ref plain_class = call(metaclass, {class_name, bases, attributes});
-    const Ref text = documentation(name, fields);
-    check(python(PyObject_SetAttrString, plain_class, "__doc__", text));
+    const Ref docstring = documentation(name, fields);
+    check(python(PyObject_SetAttrString, plain_class, "__doc__", docstring));
     return call(dataclass, {plain_class});
 }
 

@@ -1,7 +1,8 @@
-// Conversions between the two forms of a row. They change nothing but what they return.
+// Conversions between rows and dictionaries. Only dict_to_row_id changes anything: it rebuilds marked indexes.
 #include "query/convert.h"
 
 #include <algorithm>
+#include <cassert>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -18,7 +19,7 @@ namespace {
 struct Wanted {
     Ref key;
     Ref value;
-    std::optional<Py_ssize_t> position;  // of its column, -1 for none; looked up at the first row that needs it
+    std::optional<Py_ssize_t> position;  // of its column, -1 for none; found at the first row that needs it
 };
 
 Py_ssize_t first_position(PyObject* table, PyObject* key) {
@@ -42,8 +43,8 @@ bool matches(PyObject* table, PyObject* row, std::vector<Wanted>& entries) {
     return true;
 }
 
-// The fast path past rows that certainly don't match. It is open where reading the columns runs no Python code, and
-// looks at the entries before the first whose key is not exactly a string or names no column.
+// The filter of the fast path. It has the entries before the first whose key is not exactly a str or names no column:
+// a row that misses one of these is not looked at further on the slow path either.
 RowFilter filter_of(const KnownTable& known, const std::vector<Wanted>& entries) {
     std::vector<Condition> conditions;
     Py_ssize_t width = 0;
@@ -75,7 +76,7 @@ Ref find_by_scan(PyObject* table, PyObject* rows, std::vector<Wanted>& entries) 
     return found ? found : Ref::none();
 }
 
-// The row as a dictionary of all columns, made without running Python code; an empty Ref where that can't be.
+// The fast path of row_to_dict for all columns; an empty Ref where it is closed, as Python code could run.
 Ref plain_row_to_dict(PyObject* table, PyObject* row) {
     KnownTable* known = KnownTable::of(table);
     if (known == nullptr || !is_wide_enough(row, known->column_count())) return {};
@@ -86,6 +87,7 @@ Ref plain_row_to_dict(PyObject* table, PyObject* row) {
 }  // namespace
 
 Ref row_to_dict(PyObject* /*self*/, PyObject* table, PyObject* row, PyObject* columns) {
+    assert(PyList_CheckExact(row));
     if (columns == Py_None) {
         Ref row_dict = plain_row_to_dict(table, row);
         if (row_dict) return row_dict;

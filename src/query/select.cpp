@@ -1,7 +1,10 @@
-// The two roads of select, and get_row. They read only; an error drops what was found so far.
+// select by an index and by a scan, and get_row. Rows are only read; marked indexes are rebuilt. An error drops what
+// was found so far.
 #include "query/select.h"
 
 #include <algorithm>
+#include <cassert>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -21,7 +24,7 @@ namespace {
 
 bool is_limited(PyObject* limit) { return limit != Py_None && truth(limit); }
 
-// A limit beyond a machine word cuts off as much as the nearest one within.
+// A limit beyond the range of Py_ssize_t has the same effect as the nearest one in it.
 Py_ssize_t clamp_to_ssize(PyObject* limit) { return PyNumber_AsSsize_t(limit, nullptr); }
 
 // `results[:limit]`
@@ -32,13 +35,14 @@ Ref apply_limit(const Ref& results, PyObject* limit) {
     return Ref::steal(python(PyList_GetSlice, results, 0, end));
 }
 
-// Whether self._row_to_dict may be called directly: nobody has redefined it, and the boundary before it would let the
-// row pass.
+// Whether self._row_to_dict(table, row) may be called without the method look-up: no one has redefined it, and its
+// argument check would let the row pass.
 bool can_skip_method_call(PyObject* self, PyObject* row) {
     return PyList_CheckExact(row) && has_original(self, names::row_to_dict);
 }
 
 std::pair<Ref, Ref> only_condition(PyObject* conditions) {
+    assert(PyDict_GET_SIZE(conditions) == 1);
     Py_ssize_t at = 0;
     PyObject* name = nullptr;
     PyObject* value = nullptr;
@@ -81,8 +85,7 @@ struct Query {
     PyObject* columns;
 };
 
-// What a scan has found; it is full as soon as a row added reaches the limit, a negative limit being reached by
-// the first.
+// What a scan has found. It is full when a row added reaches the limit; the first row reaches a negative one.
 class Results {
 public:
     explicit Results(PyObject* limit)
@@ -102,7 +105,7 @@ private:
     bool full_ = false;
 };
 
-// One row's part of a scan by the defining steps, each a method of the object.
+// The slow path of a scan for one row: its defining steps, each a method of the object.
 void select_row(const Query& query, PyObject* row, Results& results) {
     if (is_deleted(row)) return;
     const Ref row_dict = call_method(query.self, names::row_to_dict, {query.table, row});
@@ -111,17 +114,18 @@ void select_row(const Query& query, PyObject* row, Results& results) {
     results.add(projected);
 }
 
-// The fast path of a scan: conditions by position, rows that meet them made into dictionaries where they lie.
+// The fast path of a scan: conditions are tested by position, and dictionaries made without calling a method.
 class ScanPlan {
 public:
     // Nothing where the path is closed: a method that a scan calls for each row is redefined, a name is not exactly a
-    // string, or reading the columns could run Python code.
+    // str, or reading the table could run Python code.
     static std::optional<ScanPlan> make(const Query& query);
 
-    // Whether it still says what the query says; to be asked again after Python code may have run.
+    // Whether the plan is still open and that of the query; to be asked again after Python code may have run.
     [[nodiscard]] bool is_current(const Query& query);
-    // Deals with the rows from `start` on up to the first that needs a closer look, or `end`; with all of them where
-    // the results are full. Runs no Python code while the collector is paused.
+    // Handles the rows from `start` up to the first that needs the slow path, or up to `end`; returns its position, or
+    // the size of the list when the results are full. The plan is current and the results are not full before. Runs no
+    // Python code while the collector is paused.
     [[nodiscard]] Py_ssize_t run(PyObject* rows, Py_ssize_t start, Py_ssize_t end, Results& results);
 
 private:
@@ -185,6 +189,7 @@ bool ScanPlan::is_current(const Query& query) {
 }
 
 Py_ssize_t ScanPlan::run(PyObject* rows, Py_ssize_t start, Py_ssize_t end, Results& results) {
+    assert(!results.full());
     RowDicts& row_dicts = projected_ ? *projected_ : known_->row_dicts();
     for (Py_ssize_t i = start; i < end; ++i) {
         const RowFilter::Found found = filter_.skip(rows, i, end);
@@ -201,7 +206,7 @@ Ref select_scanned(const Query& query, PyObject* limit) {
     Results results(limit);
     std::optional<ScanPlan> plan;
     const auto scan = [&](PyObject* rows, Py_ssize_t start, Py_ssize_t end) {
-        const CollectorPaused paused;  // it would run Python code in between
+        const CollectorPaused paused;  // a finalizer could change rows, table or plan
         if (!plan || !plan->is_current(query)) plan = ScanPlan::make(query);
         return plan ? plan->run(rows, start, end, results) : start;
     };
@@ -218,7 +223,7 @@ Ref select_scanned(const Query& query, PyObject* limit) {
 Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject* columns, PyObject* limit) {
     const Ref table = require_table(self, table_name);
     if (conditions != Py_None && PyDict_GET_SIZE(conditions) == 1) {
-        // Taken before Python code may run and empty the dictionary.
+        // Read before Python code may run and empty the dictionary.
         const auto [name, value] = only_condition(conditions);
         const Ref indexes = settle_indexes(table);
         const Ref index = item_if_key(indexes, name);

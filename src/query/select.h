@@ -5,11 +5,12 @@
 
 namespace jdb::query {
 
-// The rows that hold every condition's value, as dictionaries. A single condition on an indexed column is answered
-// from the index, all else by a scan; the two differ in the order of keys and in what a negative limit means.
+// A list of the rows that have every condition's value, as dictionaries. A single condition on an indexed column is
+// answered from the index, everything else by a scan; the two differ in the order of a dictionary's keys and in what a
+// negative limit means. ValueError for an unknown table.
 Ref select(PyObject* self, PyObject* table_name, PyObject* conditions, PyObject* columns, PyObject* limit);
 
-// One row as a dictionary. IndexError for no such row, ValueError for a deleted one.
+// One row as a dictionary. ValueError for an unknown table or a deleted row, IndexError for no such row.
 Ref get_row(PyObject* self, PyObject* table_name, PyObject* row_id);
 
 }  // namespace jdb::query

@@ -1,5 +1,5 @@
-// A new table is stored before its indexes are built and the file is written; a failure of these leaves it in memory.
-// An index that is being built is already in place, so that an error leaves what was listed so far.
+// A new table is stored first, then its indexes are built, then the file is written; a failure of these leaves the
+// table in memory. An index is in place while it is built, so a failure leaves what was listed so far.
 #include "store/create.h"
 
 #include "host/module_state.h"

@@ -1,5 +1,5 @@
-// Validation first, then the row, then its index entries, then the file. Until the row is listed everywhere it can be
-// undone, and then leaves neither entry nor id behind.
+// Validation, the row, its index entries, the file, in this order. A failure before the file is undone and leaves
+// neither entry nor id behind; a failing save leaves row and entries in memory.
 #include "store/insert.h"
 
 #include "tables/database.h"

@@ -5,8 +5,8 @@
 
 namespace jdb::store {
 
-// Validates the data, appends the row, lists it in the indexes, saves. The new row's id. A failing index addition takes
-// the row back; a failing save leaves it in memory.
+// Validates the data, appends the row, lists it in the indexes, saves. The new row's id. ValueError for an unknown
+// table or refused data. An error before the save undoes the insertion; an error of the save leaves the row in memory.
 Ref insert(PyObject* self, PyObject* table_name, PyObject* data);
 
 }  // namespace jdb::store

@@ -1,5 +1,5 @@
-// A row leaves the indexes before it leaves its place; when that can't be finished, it is undone and the row stays.
-// What clear_table removed before such a failure stays removed.
+// The index entries go first, then the row, then the file is written. A failure before the file is undone, and the row
+// stays. Rows that clear_table deleted before such a failure stay deleted.
 #include "store/remove.h"
 
 #include "tables/database.h"

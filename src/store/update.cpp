@@ -1,5 +1,5 @@
-// Withdrawal, validation, the new row, its index entries, the file. Each step but the last is undone, latest first,
-// when one that follows fails.
+// Withdrawal of the old index entries, validation, the new row, its index entries, the file, in this order. A failure
+// before the file is undone, latest step first; a failing save leaves the new row in memory.
 #include "store/update.h"
 
 #include "tables/database.h"

@@ -1,5 +1,5 @@
-// One pass over the columns, each through the same steps in the same order; the first failure ends it. Only new objects
-// are written to, so that a refused row leaves no trace.
+// One pass over the columns, each through the same steps in the same order; the first failure ends it. Only the result
+// is written to, so a refused row leaves no trace.
 #include "store/validate.h"
 
 #include <cstdint>
@@ -19,13 +19,13 @@ namespace {
 bool is_keyword(PyObject* data_type, Name& keyword) { return equal(data_type, keyword); }
 
 Ref to_number(PyObject* value) {
-    const Ref text = str_of(value);
-    return Ref::steal(python(contains(text, names::decimal_point) ? PyNumber_Float : PyNumber_Long, value));
+    const Ref string = str_of(value);
+    return Ref::steal(python(contains(string, names::decimal_point) ? PyNumber_Float : PyNumber_Long, value));
 }
 
-Ref to_date(PyObject* text) {
+Ref to_date(PyObject* string) {
     const Ref datetime = global(names::datetime);
-    const Ref parsed = call_method(datetime, names::strptime, {text, names::date_format});
+    const Ref parsed = call_method(datetime, names::strptime, {string, names::date_format});
     return call_method(parsed, names::date);
 }
 
@@ -50,7 +50,7 @@ Ref coerce(PyObject* column, PyObject* column_name, PyObject* value) {
           static_cast<PyObject*>(name));
 }
 
-// Raises ValueError with the column's name between the two pieces.
+// Raises ValueError with the column's name between the two parts.
 [[noreturn]] void refuse(const char* before, PyObject* column_name, const char* after) {
     const Ref name = format(column_name);
     raise(PyExc_ValueError, "%s%U%s", before, static_cast<PyObject*>(name), after);
@@ -64,7 +64,7 @@ void match_pattern(PyObject* column, PyObject* column_name, PyObject* value) {
     if (!truth(found)) refuse("Value for column '", column_name, "' doesn't match validation pattern");
 }
 
-// What is looked for: the value of one unique column that is to enter the table, and the data that it came with.
+// A value that is to enter a unique column, and the data that it came with.
 struct Candidate {
     PyObject* self;
     PyObject* table;
@@ -74,7 +74,7 @@ struct Candidate {
     bool updating;
 };
 
-// One row's part of the test by the defining steps, each a method of the object.
+// The slow path of the uniqueness test for one row: its defining steps, each a method of the object.
 void compare_row(const Candidate& candidate, PyObject* row) {
     if (is_deleted(row)) return;
     const Ref row_dict = call_method(candidate.self, names::row_to_dict, {candidate.table, row});
@@ -90,8 +90,8 @@ void compare_row(const Candidate& candidate, PyObject* row) {
     refuse("Duplicate value for unique column '", candidate.column_name, "'");
 }
 
-// The fast path's condition: nobody has redefined how a row becomes a dictionary, and the name is compared without
-// running Python code. That the columns are plain is seen when the table is looked at.
+// Whether the fast path is open: no one has redefined how a row becomes a dictionary, and comparing the column's name
+// runs no Python code. KnownTable sees to the table's own columns.
 bool may_skip(const Candidate& candidate) {
     return PyUnicode_CheckExact(candidate.column_name) && has_original(candidate.self, names::row_to_dict);
 }
@@ -137,7 +137,7 @@ Ref validate_row(PyObject* self, PyObject* table, PyObject* data, PyObject* upda
         }
         set_item(validated, column_name, value);
 
-        // A missing value is never tested, whatever the column says of itself.
+        // None never counts as a duplicate.
         if (value == Py_None) continue;
         const Ref unique = get_attribute(column, names::unique);
         if (truth(unique)) refuse_duplicate({self, table, column_name, value, data, updating});
