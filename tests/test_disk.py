@@ -31,16 +31,17 @@ def system_calls(cases, names):
 
 
 def flushes(cases):
-    """What a call has written is on the disk when it returns: the new file before its rename, the folder after it."""
-    for name in WRITING:
-        with cases(name):
-            old_and_new(name, "plain")
+    """What a call has written is on the disk when it returns: the new file before its rename, also where it is a copy
+    of one without a name, then that the name is counted, then the folder."""
+    for name, shape in itertools.product(WRITING, ("plain", "linkat")):
+        with cases(name, shape):
+            old_and_new(name, shape)
             watched = SystemFault(FAIL, 10 ** 6)
             outcome(OPERATIONS[name], fresh(), fault=watched)
+            written = max(at for at, call in enumerate(watched.names) if call in ("write", "sendfile"))
             renamed = watched.names.index("renameat")
-            written = renamed - watched.names[renamed::-1].index("write")
             assert "fsync" in watched.names[written:renamed], f"file not flushed: {watched.names}"
-            assert "fsync" in watched.names[renamed:], f"folder not flushed: {watched.names}"
+            assert watched.names[renamed + 1:renamed + 3] == ["fsync"] * 2, watched.names
 
 
 def kills(cases, names):
@@ -105,13 +106,14 @@ class Disk(FaultTest):
         self.in_child(system_calls, self.some, least=2000 if LONG else 600)
 
     def test_flushes(self):
-        self.in_child(flushes, least=len(WRITING))
+        self.in_child(flushes, least=2 * len(WRITING))
 
     def test_killed_at_every_system_call(self):
         self.in_child(kills, self.some, least=700 if LONG else 200)
 
     def test_planted_names(self):
         self.in_child(planted, least=12)
+
 
 if __name__ == "__main__":
     unittest.main()
