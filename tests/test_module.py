@@ -21,6 +21,8 @@ from dataclasses import dataclass, field
 import re
 from datetime import datetime
 """
+ATTEMPT = f"try: import {NAME}; print(1, flush=True)\\nexcept ImportError as e: print(e, flush=True)"
+OTHER = "Interpreter change detected - this module can only be loaded into one interpreter per process."
 
 
 class Namespace(unittest.TestCase):
@@ -32,7 +34,6 @@ class Namespace(unittest.TestCase):
         self.assertEqual(list(own), [*expected, "Column", "Table", "JSONDatatable"])
         self.assertLessEqual(expected.items(), own.items())
         self.assertLessEqual(set(vars(module)) - set(own), set(vars(_imp)) | {"__file__", "__builtins__"})
-        self.assertEqual((module.__name__, module.__doc__), (NAME, None))
 
 
 class Import(unittest.TestCase):
@@ -43,27 +44,18 @@ class Import(unittest.TestCase):
         definition = create()
         ctypes.pythonapi.Py_IncRef(ctypes.py_object(definition))
         with mock.patch.object(module, "re", "kept"):
-            before = dict(vars(module))
-            self.assertEqual(initialise(module, definition), 0)
-            self.assertEqual(vars(module), before)
-        other = types.ModuleType(NAME)
-        with self.assertRaises(RuntimeError) as caught:
-            initialise(other, definition)
-        self.assertEqual(str(caught.exception), "Module 'json_database' has already been imported. "
-                                                "Re-initialisation is not supported.")
-        self.assertFalse(hasattr(other, "Column"))
+            self.assertEqual((initialise(module, definition), module.re), (0, "kept"))
+        words = "Module 'json_database' has already been imported. Re-initialisation is not supported."
+        with self.assertRaisesRegex(RuntimeError, f"^{words}$"):
+            initialise(types.ModuleType(NAME), definition)
 
     def test_one_interpreter_per_process(self):
         other = "import _xxsubinterpreters as others; others.run_string(others.create(), code)"
         for order in (f"exec(code); {other}", f"{other}; exec(code)"):
-            with self.subTest(order):
-                attempt = f"try: import {NAME}; print(1, flush=True)\\nexcept ImportError as e: print(e, flush=True)"
-                self.assertEqual(run_python(f"code = '{attempt}'; {order}"), [
-                    "1", "Interpreter change detected - this module can only be loaded into one interpreter per process."])
+            self.assertEqual(run_python(f"code = '{ATTEMPT}'; {order}"), ["1", OTHER], order)
 
     @unittest.skipUnless(sys.platform == "linux", "no functions to be called after the runtime's end")
     def test_one_runtime_per_process(self):
-        attempt = f"try: import {NAME}; print(1, flush=True)\\nexcept ImportError as e: print(e, flush=True)"
         self.assertEqual(run_python(f"""
             import ctypes
             from {NAME} import JSONDatatable
@@ -72,36 +64,37 @@ class Import(unittest.TestCase):
             libc, runtime = ctypes.CDLL(None), ctypes.pythonapi
             libc.strdup.restype, libc.__cxa_atexit.argtypes = ctypes.c_void_p, [ctypes.c_void_p] * 3
             address = lambda name: ctypes.cast(getattr(runtime, name), ctypes.c_void_p)
-            last(address("PyRun_SimpleString"), b"{attempt}")
+            last(address("PyRun_SimpleString"), b"{ATTEMPT}")
             last(address("Py_Initialize"))
-        """), ["Interpreter change detected - this module can only be loaded into one interpreter per process."])
+        """), [OTHER])
 
-    def test_standard_modules_that_are_none(self):
-        """The import fails as the statements do that it stands for."""
-        for spoil in ("sys.modules['typing'] = types.SimpleNamespace(Dict=1)", "del datetime.datetime", "del dataclasses.field",
-                      "sys.modules['dataclasses'] = types.ModuleType('other')", "sys.modules['re'] = None", "del typing.Any, typing.__file__",
-                      "sys.modules['typing'] = Refusing()", "sys.modules['json'] = types.SimpleNamespace(dump=1)"):
+    def test_failed_import(self):
+        """It fails as the statements do that it stands for, and can be repeated."""
+        for spoil in ("sys.modules['re'] = None", "del typing.Union", "del datetime.datetime",
+                      "sys.modules['typing'] = types.ModuleType('other')"):
             with self.subTest(spoil):
                 got, expected = run_python(f"""
-                    import dataclasses, datetime, sys, types, typing
-                    class Refusing:
-                        def __getattr__(self, name):
-                            if not name.startswith("__"): raise LookupError(name)
+                    import dataclasses, datetime, json, os, re, sys, types, typing
+                    modules, names = dict(sys.modules), dict(vars(typing))
+                    date_time = datetime.datetime
                     {spoil}
                     for statements in ("import {NAME}", {STATEMENTS!r}):
                         try:
                             exec(statements)
-                        except BaseException as e:
-                            print(type(e), e, vars(e), getattr(e, "name", 0), getattr(e, "path", 0), e.__context__)
-                        else:
-                            print("imported")
+                        except ImportError as error:
+                            print(type(error), error, error.name, error.path)
+                    vars(typing).update(names)
+                    datetime.datetime = date_time
+                    sys.modules.update(modules)
+                    from {NAME} import Column, JSONDatatable
+                    JSONDatatable("database").tables["t"] = Column("a", "b")
                 """)
                 self.assertEqual(got, expected)
 
-    def test_changed_standard_modules(self):
-        """What stands in for a name of theirs is neither called at the import nor taken for the built-in one."""
+    def test_replaced_date(self):
+        """What stands in for the date class at the import is not taken for it."""
         self.assertEqual(run_python(f"""
-            import datetime, json, os, sys, tempfile
+            import datetime, os, tempfile
             from unittest import mock
             class Date(datetime.date):
                 __hash__ = None
@@ -109,33 +102,14 @@ class Import(unittest.TestCase):
                     rows.clear()
                     return True
                 __eq__ = __ne__
-            class Finder:
-                def find_spec(self, name, *_):
-                    if name == "datetime":
-                        sys.meta_path.remove(self)
-                        raise KeyboardInterrupt
-            kept = sys.modules.pop("datetime")
-            sys.meta_path.insert(0, Finder())
-            try:
-                import {NAME}
-            except KeyboardInterrupt:
-                print("interrupted")
-            sys.modules["datetime"] = kept
-            sys.modules.pop("{NAME}", None)
-            with mock.patch("datetime.date", Date), mock.patch("json.loads", None):
+            with mock.patch("datetime.date", Date):
                 from {NAME} import Column, JSONDatatable
-            os.chdir(tempfile.mkdtemp())
-            db = JSONDatatable("database")
+            db = JSONDatatable(os.path.join(tempfile.mkdtemp(), "database"))
             db.create_table("t", [Column("n", "text", False)])
-            rows = db.tables["t"].rows
-            rows += [[float("nan")], [Date(2000, 1, 1)], [Date(2000, 1, 1)]]
-            db.save()
-            db.load()
-            print(db.tables["t"].rows[0][0] is json.decoder.NaN)
             rows = db.tables["t"].rows
             rows += [[Date(2000, 1, 1)] for _ in range(10)]
             print(db.select("t", {{"n": "x"}}), rows)
-        """), ["interrupted", "True", "[] []"])
+        """), ["[] []"])
 
     def test_other_version_warns(self):
         words = f"compile time Python version 3.10 of module '{NAME}' does not match runtime version 3.11"
@@ -148,26 +122,6 @@ class Import(unittest.TestCase):
             print(*[(str(one.message), one.category.__name__) for one in seen], vars(module).keys() > {{"Table"}})
         """), [f'("{words}", \'RuntimeWarning\') True'])
 
-    def test_failed_import_can_be_repeated(self):
-        for spoil, restore, error in (
-                ("sys.hexversion = 0x030900f0; warnings.simplefilter('error')", "sys.hexversion = kept", "RuntimeWarning"),
-                ("sys.modules['re'] = None", "sys.modules['re'] = re", "ModuleNotFoundError"),
-                ("del typing.Union", "typing.Union = union", "ImportError"),
-                ("dataclasses.dataclass = None", "dataclasses.dataclass = dataclass", "TypeError")):
-            with self.subTest(error):
-                self.assertEqual(run_python(f"""
-                    import dataclasses, datetime, json, os, re, sys, typing, warnings
-                    kept, union, dataclass = sys.hexversion, typing.Union, dataclasses.dataclass
-                    {spoil}
-                    try:
-                        import {NAME}
-                    except Exception as error:
-                        print(type(error).__name__, "{NAME}" in sys.modules)
-                    {restore}
-                    from {NAME} import Column, JSONDatatable
-                    JSONDatatable("database").tables["t"] = Column("a", "b")
-                """), [f"{error} False"])
-
 
 class Records(unittest.TestCase):
     def test_same_as_the_declaration(self):
@@ -176,17 +130,15 @@ class Records(unittest.TestCase):
                     list(record.__annotations__.items()), record.__bases__, record.__qualname__, record.__doc__,
                     str(inspect.signature(record)), record.__hash__)
 
-        for record, declared, values in ((module.Column, Column, ["n", 1]), (module.Table, Table, ["n", [], [2], {"k": "v"}])):
+        for record, declared, values in (
+                (module.Column, Column, ["n", 1]), (module.Table, Table, ["n", [], [2], {"k": "v"}])):
             with self.subTest(record.__name__):
                 self.assertEqual(described(record), described(declared))
                 one = record(*values)
                 self.assertEqual((record.__module__, repr(one)), (NAME, repr(declared(*values))))
                 self.assertEqual(one, record(*values))
-                self.assertNotEqual(one, declared(*values))
                 self.assertEqual(pickle.loads(pickle.dumps(one)), one)
-                for wrong in (lambda: hash(one), lambda: one < one, lambda: record("n")):
-                    self.assertRaises(TypeError, wrong)
-        self.assertIsNot(record("t", []).rows, record("t", []).rows)
+        self.assertIsNot(module.Table("t", []).rows, module.Table("t", []).rows)
 
 
 if __name__ == "__main__":
