@@ -19,7 +19,7 @@ import traceback
 import unittest
 
 import model
-from support import JSONDatatable, module, optional, unique
+from support import BASE, JSONDatatable, module, optional, unique
 
 try:
     import _testcapi
@@ -30,7 +30,6 @@ LONG = "JSON_DATABASE_LONG" in os.environ
 LIBRARY = os.environ.get("JSON_DATABASE_FAULT_LIBRARY")
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "") or "rt.asan" in os.environ.get("LD_PRELOAD", "")
 PATH = "database.json"
-BASE = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 
 
 class FaultTest(unittest.TestCase):

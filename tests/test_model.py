@@ -27,6 +27,7 @@ from unittest import mock
 
 import literal
 import model
+from support import BASE
 from talvern_client.utils import json_database
 
 
@@ -399,7 +400,7 @@ class Step:
 def difference(seed, steps=range(200)):
     """The steps up to the first after which the sides differ, and what each side shows then; else None."""
     with contextlib.ExitStack() as stack:
-        folder = stack.enter_context(tempfile.TemporaryDirectory())
+        folder = stack.enter_context(tempfile.TemporaryDirectory(dir=BASE))
         stack.callback(os.chdir, os.getcwd())
         sides = [Side(literal, model.Checked, os.path.join(folder, "a")),
                  Side(json_database, json_database.JSONDatatable, os.path.join(folder, "b"))]
