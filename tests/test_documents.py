@@ -72,14 +72,13 @@ class Documents(unittest.TestCase):
 
     def test_readme_shows_the_example(self):
         """It runs as a program of its own, and once more: then its file is there, and refuses two inserts more."""
-        example = ROOT / "examples/inventory.py"
+        example = (ROOT / "examples/inventory.py").read_text()
         readme = blocks(DOCUMENTS[pathlib.Path("README.md")])
         code, (_, shown) = next(pair for pair in itertools.pairwise(readme) if pair[0][0] == "python")
-        self.assertEqual(code[1], example.read_text())
+        self.assertEqual(code[1], example)
         with tempfile.TemporaryDirectory() as folder:
-            first, again = (lines("\n".join(run_python(example.read_text(), folder))) for _ in range(2))
-        self.assertEqual(first, lines(shown))
-        self.assertEqual(again[-len(first) + 2:], first[2:])
+            first, again = (lines("\n".join(run_python(example, folder))) for _ in range(2))
+        self.assertEqual((first, again[-len(first) + 2:]), (lines(shown), first[2:]))
 
     def test_presets_and_links_exist(self):
         workflows = json.loads((ROOT / "CMakePresets.json").read_text())["workflowPresets"]

@@ -25,12 +25,12 @@ class Rebound(DatabaseTest):
                 self.db.save()
 
     def test_table_is_printed_by_the_print_of_the_import(self):
-        self.table(optional("name"), rows=["日本"])
+        self.table(optional("name"), rows=[("日本",)])
         with mock.patch("builtins.print") as late, mock.patch.object(module, "print", late, create=True), \
                 contextlib.redirect_stdout(io.StringIO()) as output:
             self.db.display_table("t")
         late.assert_not_called()
-        self.assertEqual(output.getvalue(), "\nname\n----\n" + "日本".ljust(4) + "\n\nShowing 1 of 1 rows\n\n")
+        self.assertEqual(output.getvalue(), "\nname\n----\n日本  \n\nShowing 1 of 1 rows\n\n")
 
     def test_open(self):
         original = open
