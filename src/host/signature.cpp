@@ -87,7 +87,7 @@ PyObject* interned(std::string_view source) {
     return string;
 }
 
-// The constant that a default's literal stands for: None, False, True, a string in single quotes, or an integer.
+// The constant that a default's literal denotes: None, False, True, a string in single quotes, or an integer.
 Ref constant(std::string_view literal) {
     if (literal == "None") return Ref::none();
     if (literal == "False" || literal == "True") return Ref::boolean(literal == "True");

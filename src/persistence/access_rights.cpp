@@ -1,5 +1,5 @@
-// Order: owner and group, since these decide whom the rest is for; then the list, which would change a mode already
-// set; then the mode. Whatever fails, the new file is not more open than the old one was.
+// Order: owner and group, which decide whom the rest applies to; then the access control list, since setting it changes
+// the mode; then the mode. Whatever fails, the new file is not more open than the old one.
 #include "persistence/access_rights.h"
 
 #include <fcntl.h>
@@ -16,13 +16,13 @@ constexpr const char* kListName = "system.posix_acl_access";
 
 struct AccessRights {
     struct stat status {};
-    std::string list;  // the access control list, as the system hands it out; empty without one
+    std::string list;  // the access control list as the system encodes it; empty when there is none
     bool list_known = false;
 
     [[nodiscard]] mode_t mode() const { return status.st_mode & 07777U; }
 };
 
-// An access control list has a head and entries of a tag, rights and an id, each number with its lowest byte first.
+// An encoded list has a head, and entries of a tag, rights and an id; numbers are little-endian.
 enum Tag : char { owner = 0x01, owning_group = 0x04, others = 0x20 };
 
 template <class Visit>
@@ -32,7 +32,7 @@ void visit_entries(std::string& list, Visit visit) {
     for (std::size_t at = head; at + entry <= list.size(); at += entry) visit(list[at], list[at + 2]);
 }
 
-// Whether the file has no list because nothing there has one.
+// Whether the error says that there is no list: the file has none, or its file system has no lists.
 bool means_no_list(int error) { return error == ENODATA || error == EOPNOTSUPP || error == ENOSYS; }
 
 // Reads the list by way of `get(buffer, size)`.
@@ -56,7 +56,7 @@ int read_rights(int directory, const std::string& file, AccessRights& rights) {
     const Descriptor old_file(opened.result);
     const Outcome looked = run([&] { return fstat(old_file.number(), &rights.status); });
     if (looked.error != 0) return looked.error;
-    if (!S_ISREG(rights.status.st_mode)) return ELOOP;  // a link has come into its place, and is to stay one
+    if (!S_ISREG(rights.status.st_mode)) return ELOOP;  // a link has taken its place meanwhile, and is not replaced
 
     const std::string link = "/proc/self/fd/" + std::to_string(old_file.number());
     read_list(rights, [&](void* to, std::size_t size) { return getxattr(link.c_str(), kListName, to, size); });
@@ -67,7 +67,8 @@ int read_rights(int directory, const std::string& file, AccessRights& rights) {
     return 0;
 }
 
-// The old group's members count among the others now, and others have come into the group: both get what both had.
+// The new file has another group. Members of the old one now count among the others, and others are in the group: both
+// get only what both had.
 void narrow_without_group(AccessRights& rights) {
     mode_t both = (rights.status.st_mode >> 3U) & rights.status.st_mode & S_IRWXO;
     visit_entries(rights.list, [&](char tag, char allowed) {
@@ -80,8 +81,8 @@ void narrow_without_group(AccessRights& rights) {
     if (rights.list.empty()) rights.status.st_mode &= ~static_cast<mode_t>(S_IRWXG) | (both << 3U);
 }
 
-// Whom the list named counts in the group or among the others now, and may be one whom it kept out; an unknown list
-// may have kept out anybody.
+// The new file has no list. Those whom the old one named now count in the group or among the others, and may be some
+// whom it kept out; an unreadable list may have kept out anyone.
 void narrow_without_list(AccessRights& rights) {
     mode_t everybody = rights.list_known ? rights.status.st_mode & S_IRWXO : 0;
     visit_entries(rights.list, [&](char tag, char allowed) {
@@ -102,7 +103,7 @@ int give_owner_and_group(int new_file, AccessRights& rights) {
 
     Outcome given = run([&] { return fchown(new_file, user, group); });
     if (!is_unavailable(given.error)) return given.error;
-    // What runs under the owner's or group's name is not to run under another.
+    // A program that ran as the owner or group must not run as another.
     rights.status.st_mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
     if (own.st_gid == group) return 0;
     given = run([&] { return fchown(new_file, static_cast<uid_t>(-1), group); });

@@ -1,14 +1,14 @@
-// Handing a file's access rights on to the file that takes its place.
+// Giving a file the access rights of the one that it will replace.
 #pragma once
 
 #include <string>
 
 namespace jdb::persistence {
 
-// Gives the new file, which so far nobody but its owner may use, the owner, group, access control list and mode of the
-// file that lies under the name. What can't be handed on is narrowed: at no moment has anybody a right that the old
-// file did not give, except that one who may not keep the owner becomes it. Where no old file lies, nothing changes.
-// 0, or the error number.
+// Gives the new file, which so far only its owner may use, the owner, group, access control list and mode of the file
+// of that name in the directory. Where the process may not give one of these, the rest is narrowed: at no moment does
+// anyone have a right that the old file did not give, except that the process's user may become the owner. Nothing
+// changes where there is no old file. 0, or the error number.
 int copy_access_rights(int directory, const std::string& file, int new_file);
 
 }  // namespace jdb::persistence

@@ -1,4 +1,5 @@
-// Building the document from the records' fields, read by attribute in the order in which they are written.
+// Building the document from the attributes of tables and columns, in the order of the file. Only new objects are
+// written to, so a failure leaves the database unchanged.
 #include "persistence/document.h"
 
 #include "cpython310/own_fields.h"
@@ -22,7 +23,7 @@ Ref column_object(PyObject* column) {
     return object;
 }
 
-// Asking for the memory of rows ahead makes a save of 100,000 rows 6 % faster.
+// How many rows ahead memory is prefetched: a save of 100,000 rows is 6 % faster with it.
 constexpr Py_ssize_t kPrefetched = 64;
 
 Ref kept_rows(PyObject* table) {
@@ -91,7 +92,7 @@ Ref with_member_names(PyObject* index) {
     return writable.index();
 }
 
-// The indexes as held, but for column indexes with keys that need a string in their place.
+// The indexes, with copies of those column indexes that have keys without a JSON form.
 Ref writable_indexes(PyObject* indexes) {
     if (!PyDict_Check(indexes)) return Ref::borrow(indexes);
     Ref result = new_dict();
@@ -116,8 +117,8 @@ Ref table_object(PyObject* table) {
     set_item(object, names::columns, columns);
     const Ref rows = kept_rows(table);
     set_item(object, names::rows, rows);
-    const Ref held = get_attribute(table, names::indexes);
-    const Ref indexes = writable_indexes(held);
+    const Ref table_indexes = get_attribute(table, names::indexes);
+    const Ref indexes = writable_indexes(table_indexes);
     set_item(object, names::indexes, indexes);
     return object;
 }

@@ -1,13 +1,14 @@
-// The database as one document of Python objects: what the file holds, member by member.
+// The database as one document of Python objects, with the members that the file has.
 #pragma once
 
 #include "host/ref.h"
 
 namespace jdb::persistence {
 
-// A new document over the tables' own rows and indexes. Deleted rows are left out. A column index with keys that JSON
-// has no form for is copied with their str() in their place; where that is the same for several keys, the list under it
-// holds the ids of all.
+// A new document that refers to the tables' own rows and indexes. Deleted rows are left out. A column index with keys
+// that JSON has no form for is copied with their str() in their place; keys with the same str() share one list of all
+// their ids. The tables are not changed. Runs Python code where it meets other than plain objects, and raises its
+// errors.
 Ref make_document(PyObject* tables);
 
 }  // namespace jdb::persistence

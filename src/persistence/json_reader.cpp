@@ -1,5 +1,5 @@
-// A recursive descent over the bytes. Finished values wait on one stack until their array or object is complete, so
-// that every list is made with its exact size. Giving up is an empty Ref all the way out.
+// A recursive descent over the bytes. Finished values are kept on one stack until their array is complete, so that
+// every list is made with its exact size. Giving up is an empty Ref all the way out; it leaves nothing but new objects.
 #include "persistence/json_reader.h"
 
 #include <algorithm>
@@ -22,71 +22,74 @@ namespace jdb::persistence {
 namespace {
 
 constexpr int kSafeDepth = 100;
-// Where a database has the rows of a table and the index of a column; elsewhere they are as any other value.
+// The depths at which a database's file has the rows of a table and the index of a column. The cache relies on them for
+// speed only.
 constexpr int kRowsDepth = 3;
 constexpr int kIndexDepth = 4;
 constexpr std::size_t kPlaces = 32;
 
-// An empty Ref when it is not valid UTF-8.
+// A new str; an empty Ref when the bytes are not valid UTF-8.
 Ref decode(std::string_view utf8) {
-    PyObject* text = python(PyUnicode_DecodeUTF8, utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr);
-    if (text == nullptr && PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) != 0) {
+    PyObject* string = python(PyUnicode_DecodeUTF8, utf8.data(), static_cast<Py_ssize_t>(utf8.size()), nullptr);
+    if (string == nullptr && PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) != 0) {
         python(PyErr_Clear);
         return {};
     }
-    return Ref::steal(text);
+    return Ref::steal(string);
 }
 
-// The strings of the document so far, so that keys and repeated short values are made once. All are held until the
-// document is read, whatever becomes of the objects that they stand in.
+// The strings of the document so far, so that keys and repeated short values are made once. It owns them until the
+// document is read.
 class StringCache {
 public:
-    // Room in proportion to the document, within bounds.
+    // The number of slots is in proportion to the document, within bounds.
     explicit StringCache(std::size_t document_size)
-        : met_(std::clamp(std::bit_ceil(document_size / kBytesPerString), kMinMet, kMaxMet)) {
-        assert(std::has_single_bit(met_.size()));
+        : slots_(std::clamp(std::bit_ceil(document_size / kBytesPerString), kMinSlots, kMaxSlots)) {
+        assert(std::has_single_bit(slots_.size()));
     }
 
-    // The new strings that one place, a column's values say, has had in excess of known ones. Strings that differ from
-    // row to row would only push the others out of fast memory, so they are no longer looked for: that takes 12 % off
-    // the load of a table with one such column of six.
-    class Surplus {
+    // How often strings of one place, such as the values of a column, were not found in the cache, less their hits.
+    // Strings that differ from row to row would only evict the others from the processor's cache, so they are no longer
+    // looked for: that takes 12 % off the load of a table with one such column of six.
+    class MissCounter {
     public:
         void count(bool is_new) {
             if (is_new) {
-                ++new_;
+                ++misses_;
             } else {
-                new_ -= std::min(new_, kWorth);
+                misses_ -= std::min(misses_, kMissesPerHit);
             }
         }
-        [[nodiscard]] bool is_great() const { return new_ >= kGreat; }
+        [[nodiscard]] bool is_high() const { return misses_ >= kHigh; }
 
     private:
-        static constexpr unsigned kGreat = 1U << 14U;
-        static constexpr unsigned kWorth = 8;  // new strings that a known one makes up for
-        unsigned new_ = 0;
+        static constexpr unsigned kHigh = 1U << 14U;
+        static constexpr unsigned kMissesPerHit = 8;  // that one hit makes up for
+        unsigned misses_ = 0;
     };
 
-    // Strings as they stand in the document, without escapes; an empty Ref when one is not valid.
-    Ref value(std::string_view utf8, bool ascii, Surplus& surplus) {
+    // The string of these bytes, which have no escapes; an empty Ref when they are not valid UTF-8. `ascii` tells that
+    // all are ASCII.
+    Ref value(std::string_view utf8, bool ascii, MissCounter& misses) {
         if (utf8.size() > kMaxSize) return make(utf8, ascii);
-        if (surplus.is_great()) return make_and_keep(utf8, ascii);
+        if (misses.is_high()) return make_and_keep(utf8, ascii);
         const std::size_t known = kept_.size();
-        Ref string = short_string(utf8, ascii);
-        surplus.count(kept_.size() > known);
+        Ref string = find_or_make(utf8, ascii);
+        misses.count(kept_.size() > known);
         return string;
     }
-    // The keys of a column's index are the column's strings, in the order in which the rows have them. To look for them
-    // there makes a load of 100,000 indexed rows 15 % faster, and what it keeps 13 % smaller.
+    // The same for a member's name. The keys of a column's index are the column's strings, in the order in which the
+    // rows have them; looking for them there makes a load of 100,000 indexed rows 15 % faster, and the memory that
+    // stays in use 13 % smaller.
     Ref key(std::string_view utf8, bool ascii) {
         if (utf8.size() > kMaxSize) return make(utf8, ascii);
         if (ascii) {
             if (Ref expected = find_expected(utf8)) return expected;
         }
-        return short_string(utf8, ascii);
+        return find_or_make(utf8, ascii);
     }
 
-    // How many are held; and from which of them on the keys to come are expected.
+    // How many strings are kept, and from which of them on `key` is to look for the keys that follow.
     [[nodiscard]] std::size_t count() const { return kept_.size(); }
     void expect_from(std::size_t first) {
         assert(first <= kept_.size());
@@ -96,12 +99,12 @@ public:
 private:
     static constexpr std::size_t kMaxSize = 24;
     static constexpr std::size_t kBytesPerString = 64;
-    static constexpr std::size_t kMinMet = 64;
-    static constexpr std::size_t kMaxMet = std::size_t{1} << 15U;
-    static constexpr std::size_t kLookedAhead = 8;
+    static constexpr std::size_t kMinSlots = 64;
+    static constexpr std::size_t kMaxSlots = std::size_t{1} << 15U;
+    static constexpr std::size_t kLookAhead = 8;
 
-    // A short string, filled up with zeros, which no string in a document contains. Kept beside the object, it tells
-    // strings apart without a look at far memory.
+    // The bytes of a short string, padded with zeros, which no string without escapes contains. Kept beside the object,
+    // they tell strings apart without reading the object's memory.
     using Bytes = std::array<std::uint64_t, kMaxSize / 8>;
 
     static Bytes bytes_of(std::string_view string) {
@@ -119,16 +122,16 @@ private:
         return hash;
     }
 
-    Ref short_string(std::string_view utf8, bool ascii) {
+    Ref find_or_make(std::string_view utf8, bool ascii) {
         const Bytes bytes = bytes_of(utf8);
-        Met& met = met_[hash_of(bytes) & (met_.size() - 1)];
-        if (met.string != nullptr && met.bytes == bytes) return Ref::borrow(met.string);
+        Slot& slot = slots_[hash_of(bytes) & (slots_.size() - 1)];
+        if (slot.string != nullptr && slot.bytes == bytes) return Ref::borrow(slot.string);
         Ref string = make_and_keep(utf8, ascii);
-        if (string) met = {bytes, string};
+        if (string) slot = {bytes, string};
         return string;
     }
     Ref find_expected(std::string_view ascii) {
-        const std::size_t end = std::min(kept_.size(), expected_ + kLookedAhead);
+        const std::size_t end = std::min(kept_.size(), expected_ + kLookAhead);
         for (std::size_t i = expected_; i < end; ++i) {
             if (!holds(kept_[i], ascii)) continue;
             expected_ = i + 1;
@@ -154,27 +157,27 @@ private:
         return string;
     }
 
-    struct Met {
+    struct Slot {
         Bytes bytes{};
         PyObject* string = nullptr;  // one of those kept
     };
-    std::vector<Met> met_;  // lately; their number is a power of two
+    std::vector<Slot> slots_;  // by hash, the last string of each; a power of two in number
     std::vector<Ref> kept_;
     std::size_t expected_ = 0;
 };
 
 class Reader {
 public:
-    // The zero byte behind the text ends every loop over its characters.
-    Reader(std::string_view text, PyObject* constants)
-        : at_(text.data()), end_(text.data() + text.size()), strings_(text.size()), constants_(constants) {
+    // The zero byte at the end stops every loop over the bytes.
+    Reader(std::string_view json, PyObject* constants)
+        : at_(json.data()), end_(json.data() + json.size()), strings_(json.size()), constants_(constants) {
         assert(*end_ == 0);
         assert(PyDict_CheckExact(constants));
     }
 
     Ref document() {
         Ref value = read_value(0, kPlaces);
-        assert(!value || waiting_.empty());
+        assert(!value || pending_.empty());
         skip_space();
         return at_ == end_ ? value : Ref{};
     }
@@ -203,7 +206,7 @@ private:
         switch (*at_) {
             case '"':
                 return read_string(
-                    [&](std::string_view text, bool ascii) { return strings_.value(text, ascii, surplus_[place]); });
+                    [&](std::string_view string, bool ascii) { return strings_.value(string, ascii, misses_[place]); });
             case '[': return depth < kSafeDepth ? read_array(depth) : Ref{};
             case '{': return depth < kSafeDepth ? read_object(depth) : Ref{};
             case 't': return take_word("true") ? Ref::boolean(true) : Ref{};
@@ -222,7 +225,7 @@ private:
         return find_item(constants_, name);
     }
 
-    // The handlers of signals are Python code.
+    // Handlers of signals are Python code, so the collector is not paused while they run.
     void handle_signals() {
         if (++values_ % SignalCheck::kSteps != 0) return;
         paused_.reset();
@@ -233,20 +236,20 @@ private:
     // ---- Arrays and objects ----
 
     void begin_rows() {
-        surplus_ = {};
-        rows_strings_ = strings_.count();
+        misses_ = {};
+        first_row_string_ = strings_.count();
     }
 
     Ref read_array(int depth) {
         ++at_;
         if (depth == kRowsDepth) begin_rows();
-        const std::size_t first = waiting_.size();
+        const std::size_t first = pending_.size();
         skip_space();
         if (!take(']')) {
             do {
-                Ref item = read_value(depth + 1, std::min(waiting_.size() - first, kPlaces - 1));
+                Ref item = read_value(depth + 1, std::min(pending_.size() - first, kPlaces - 1));
                 if (!item) return {};
-                waiting_.push_back(std::move(item));
+                pending_.push_back(std::move(item));
                 skip_space();
             } while (take(','));
             if (!take(']')) return {};
@@ -254,28 +257,29 @@ private:
         return pop_list(first);
     }
 
-    // A list of the values that wait from `first` on.
+    // A list of the pending values from `first` on.
     Ref pop_list(std::size_t first) {
-        assert(first <= waiting_.size());
-        const std::size_t count = waiting_.size() - first;
+        assert(first <= pending_.size());
+        const std::size_t count = pending_.size() - first;
         Ref list = Ref::steal(python(PyList_New, static_cast<Py_ssize_t>(count)));
         for (std::size_t i = 0; i < count; ++i) {
-            PyList_SET_ITEM(static_cast<PyObject*>(list), static_cast<Py_ssize_t>(i), waiting_[first + i].release());
+            PyList_SET_ITEM(static_cast<PyObject*>(list), static_cast<Py_ssize_t>(i), pending_[first + i].release());
         }
-        waiting_.resize(first);
+        pending_.resize(first);
         return list;
     }
 
     Ref read_object(int depth) {
         ++at_;
-        if (depth == kIndexDepth) strings_.expect_from(rows_strings_);
+        if (depth == kIndexDepth) strings_.expect_from(first_row_string_);
         Ref dict = new_dict();
         skip_space();
         if (take('}')) return dict;
         do {
             skip_space();
             if (!next_is('"')) return {};
-            const Ref key = read_string([&](std::string_view text, bool ascii) { return strings_.key(text, ascii); });
+            const Ref key =
+                read_string([&](std::string_view string, bool ascii) { return strings_.key(string, ascii); });
             if (!key) return {};
             skip_space();
             if (!take(':')) return {};
@@ -289,15 +293,15 @@ private:
 
     // ---- Strings ----
 
-    template <class MakeText>
-    Ref read_string(MakeText make_text) {
+    template <class Make>
+    Ref read_string(Make make) {
         ++at_;
         const char* const start = at_;
         for (bool ascii = true; skip_plain(); ++at_) {
             const auto byte = static_cast<unsigned char>(*at_);
             if (byte == '"') {
-                const std::string_view text(start, static_cast<std::size_t>(at_++ - start));
-                return make_text(text, ascii);
+                const std::string_view string(start, static_cast<std::size_t>(at_++ - start));
+                return make(string, ascii);
             }
             if (byte == '\\') return read_escaped(start);
             if (byte < 0x20) return {};
@@ -306,8 +310,8 @@ private:
         return {};
     }
 
-    // Goes on to the next byte of a string that needs care, or one beside the document's end; false at the end. A load
-    // takes 7 % fewer instructions than byte by byte.
+    // Goes on to the next byte of a string that needs care, or to one of the document's last eight; false at the end. A
+    // load takes 7 % fewer instructions than byte by byte.
     bool skip_plain() {
         const char* at = at_;
         std::size_t plain = sizeof(std::uint64_t);
@@ -319,7 +323,7 @@ private:
         return at != end_;
     }
 
-    // A string with escapes, which are turned into UTF-8 before the whole is decoded; at_ is at the first of them.
+    // A string with escapes, which become UTF-8 before the whole is decoded; at_ is at the first of them.
     Ref read_escaped(const char* start) {
         unescaped_.assign(start, at_);
         while (at_ != end_) {
@@ -387,7 +391,7 @@ private:
 
     static Ref make_float(double value) { return Ref::steal(PyFloat_FromDouble(value)); }
 
-    // The number that the digits to come are, which has no meaning if they are too many; how many they are is added.
+    // The number that the next digits are, without meaning when it does not fit; `count` grows by the number of digits.
     std::uint64_t take_digits(std::ptrdiff_t& count) {
         const char* at = at_;
         std::uint64_t number = 0;
@@ -423,15 +427,15 @@ private:
         return with_point || with_exponent ? read_float(start) : make_integer(start, negative, digits);
     }
 
-    // The integer from `start` to here, of these digits unless they are too many.
+    // The integer from `start` to at_; `digits` is its magnitude where that fits.
     Ref make_integer(const char* start, bool negative, std::uint64_t digits) const {
-        constexpr std::ptrdiff_t kCharactersThatFit = 18;
-        if (at_ - start <= kCharactersThatFit) {
+        constexpr std::ptrdiff_t kMaxCharacters = 18;
+        if (at_ - start <= kMaxCharacters) {
             const auto value = static_cast<long long>(digits);
             return Ref::steal(PyLong_FromLongLong(negative ? -value : value));
         }
-        const std::string text(start, at_);
-        PyObject* number = python(PyLong_FromString, text.c_str(), nullptr, 10);
+        const std::string number_string(start, at_);
+        PyObject* number = python(PyLong_FromString, number_string.c_str(), nullptr, 10);
         if (number == nullptr && PyErr_ExceptionMatches(PyExc_ValueError) != 0) {
             python(PyErr_Clear);
             return {};
@@ -448,9 +452,10 @@ private:
     const char* at_;
     const char* end_;
     StringCache strings_;
-    std::array<StringCache::Surplus, kPlaces + 1> surplus_;  // of the first places in arrays, and of members
-    std::size_t rows_strings_ = 0;                           // where those of the table's rows begin
-    std::vector<Ref> waiting_;                               // finished values whose array is not
+    // Of the first positions in arrays, of all later ones together, and of members.
+    std::array<StringCache::MissCounter, kPlaces + 1> misses_;
+    std::size_t first_row_string_ = 0;  // the first of the cache's strings that is from the last table's rows
+    std::vector<Ref> pending_;          // finished values of unfinished arrays
     std::string unescaped_;
     std::uint64_t values_ = 0;
     PyObject* constants_;
@@ -459,6 +464,6 @@ private:
 
 }  // namespace
 
-Ref read_json(std::string_view text, PyObject* constants) { return Reader(text, constants).document(); }
+Ref read_json(std::string_view json, PyObject* constants) { return Reader(json, constants).document(); }
 
 }  // namespace jdb::persistence

@@ -1,5 +1,5 @@
-// Exact built-in values are written from their own memory, which runs no Python code. Everything else may run some:
-// it is owned meanwhile, and containers are walked as a `for` statement walks them, their size read anew at each step.
+// Values of exactly a built-in type are written without running Python code. Everything else may run some: it is owned
+// meanwhile, and containers are walked as by a `for` statement, their size read anew at each step.
 #include "persistence/json_writer.h"
 
 #include <datetime.h>
@@ -44,9 +44,9 @@ char* write_escape(char* to, unsigned character) {
 
 bool is_escaped(unsigned character) { return character < 0x20 || character == '"' || character == '\\'; }
 
-// Characters of any width as UTF-8, escaped where JSON asks for it. A lone surrogate, which UTF-8 has no form for, is
-// written like the characters around it; the result then is false. Not inlined, like all that is rare here: what is
-// frequent then keeps to few registers.
+// Writes characters of any width as UTF-8, escaped where JSON asks for it. False when there is a lone surrogate, which
+// UTF-8 has no form for; it is written all the same. Not inlined, as nothing rare here: the frequent code then needs
+// fewer registers.
 template <class Character>
 [[gnu::noinline]] bool write_characters(const Character* characters, std::size_t count, OutputBuffer& out) {
     constexpr std::size_t kMaxBytes = 6;
@@ -86,8 +86,8 @@ template <class Character>
     return encodable;
 }
 
-// Copies a string of one or two words, which may overlap; how much of it needs no care, or nothing of the second word.
-// Byte by byte, a save of strings of some 10 to 15 characters takes 23 % longer.
+// Copies a string of one or two words, which may overlap. How many bytes at the start certainly need no care. Byte by
+// byte, a save of strings of 10 to 15 characters takes 23 % longer.
 template <class Word>
 std::size_t copy_two_words(const char* from, std::size_t count, char* to) {
     const std::size_t last = count - sizeof(Word);
@@ -98,7 +98,8 @@ std::size_t copy_two_words(const char* from, std::size_t count, char* to) {
     return (special[0] | special[1]) == 0 ? count : bytes_before(special[0]);
 }
 
-// Copies the string as far as nothing in it needs care; how much that is at least.
+// Copies the string's start, as far as nothing needs care. How many bytes that is at least; up to
+// `count` are written at `to`.
 std::size_t copy_plain(const char* from, std::size_t count, char* to) {
     constexpr std::size_t kWord = sizeof(std::uint64_t);
     std::size_t done = 0;
@@ -113,17 +114,17 @@ std::size_t copy_plain(const char* from, std::size_t count, char* to) {
     return done;
 }
 
-// The error of the file that is given this piece.
+// Raises the error that a file raises when it is given this piece.
 [[noreturn]] void raise_lone_surrogate(std::string_view piece) {
-    const Ref text =
+    const Ref string =
         Ref::steal(python(PyUnicode_DecodeUTF8, piece.data(), static_cast<Py_ssize_t>(piece.size()), "surrogatepass"));
-    Ref::steal(python(PyUnicode_AsUTF8String, text));
+    Ref::steal(python(PyUnicode_AsUTF8String, string));
     assert(false);
     throw PythonError{};
 }
 
-// The standard writer hands over a string, quoted, in one piece with what separates it from the value before, which
-// begins at `piece`.
+// Writes a quoted string. The standard writer gives it to the file in one piece with the separator before it, which
+// begins at `piece`; the error for a lone surrogate shows that piece.
 void write_string(PyObject* string, std::size_t piece, OutputBuffer& out) {
     assert(PyUnicode_Check(string));
     assert(piece <= out.size());
@@ -144,7 +145,7 @@ void write_string(PyObject* string, std::size_t piece, OutputBuffer& out) {
                         : write_characters(PyUnicode_4BYTE_DATA(string), count, out);
     }
     out.add("\"");
-    if (!encodable) raise_lone_surrogate(out.text().substr(piece));
+    if (!encodable) raise_lone_surrogate(out.bytes().substr(piece));
 }
 
 // ---- Numbers and dates ----
@@ -178,12 +179,12 @@ char* write_padded(char* to, int value, int width) {
 }
 
 bool is_date(PyObject* value) { return PyDateTimeAPI != nullptr && PyDate_CheckExact(value); }
-// One with a time zone asks the zone object for its text.
+// str() of one with a time zone calls the zone object.
 bool is_plain_date_time(PyObject* value) {
     return PyDateTimeAPI != nullptr && PyDateTime_CheckExact(value) && PyDateTime_DATE_GET_TZINFO(value) == Py_None;
 }
 
-// The text of a date or a date-time, in quotes.
+// Writes str() of a date or a date-time, in quotes.
 void write_date(PyObject* value, bool with_time, OutputBuffer& out) {
     constexpr std::size_t kRoom = 32;
     char* const start = out.reserve(kRoom);
@@ -212,8 +213,8 @@ void write_date(PyObject* value, bool with_time, OutputBuffer& out) {
 
 // ---- Objects of other types ----
 
-// What the standard writer takes an object for: `isinstance` goes by the type, and by the class that the object claims
-// to have. Each of its questions looks the claim up; here one look-up answers all.
+// What an object is for the standard writer's isinstance(): an instance by its type, or by its `__class__`. The
+// standard writer reads `__class__` for each question; one look-up answers all here.
 class Kind {
 public:
     explicit Kind(PyObject* object) : object_(object) {
@@ -237,13 +238,13 @@ private:
     Ref claimed_;
 };
 
-// int.__repr__(number) and its like, which refuse what only claims to be of the type.
+// int.__repr__(number) or float.__repr__(number), which refuse what is of the type by its `__class__` only.
 Ref repr_as(PyTypeObject& type, PyObject* number) {
     const Ref repr = get_attribute(reinterpret_cast<PyObject*>(&type), names::dunder_repr);
     return call(repr, {number});
 }
 
-// A number by the steps of the standard writer, which compare it by its own rules.
+// A float's JSON by the steps of the standard writer, which call the comparisons of a subclass.
 Ref float_string(PyObject* number) {
     if (unequal(number, number)) return new_string("NaN");
     for (const double infinity : {HUGE_VAL, -HUGE_VAL}) {
@@ -253,7 +254,7 @@ Ref float_string(PyObject* number) {
     return repr_as(PyFloat_Type, number);
 }
 
-// What only claims to be a string is refused as the standard writer refuses it.
+// Refuses what is a str by its `__class__` only, as the standard writer does.
 void require_string(PyObject* object) {
     if (PyUnicode_Check(object)) return;
     raise(PyExc_TypeError, "first argument must be a string, not %.80s", Py_TYPE(object)->tp_name);
@@ -261,8 +262,8 @@ void require_string(PyObject* object) {
 
 // ---- Values ----
 
-// An array or object being written, and what it lies in. Past a depth that is always safe each is a level of the
-// interpreter's limit for nested calls, as it is in the standard writer.
+// An array or object that is being written, and its parents. Raises ValueError for one that contains itself. Past a
+// depth that is always safe, each counts towards the interpreter's recursion limit, as in the standard writer.
 class Container {
 public:
     Container(PyObject* object, const Container* parent)
@@ -286,10 +287,10 @@ private:
     int depth_;
 };
 
-// The members of a large dictionary may lie all over the memory. Asking for them ahead makes a save of 100,000 indexed
-// rows 7 % faster.
+// The members of a large dictionary may be all over the memory. Prefetching them makes a save of 100,000 indexed rows
+// 7 % faster.
 constexpr int kPrefetched = 16;
-constexpr Py_ssize_t kCached = 32768;  // members that fast memory holds
+constexpr Py_ssize_t kCached = 32768;  // members that fit in the processor's cache
 
 void prefetch_member(PyObject* dict, Py_ssize_t& position) {
     PyObject* key = nullptr;
@@ -310,7 +311,7 @@ class Writer {
 public:
     explicit Writer(OutputBuffer& out) : out_(out) {}
 
-    // The value's text goes into one piece with what was added from `piece` on.
+    // Writes a value, in one piece with what was added from `piece` on.
     void write(PyObject* value, const Container* parent, std::size_t piece) {
         PyTypeObject* type = Py_TYPE(value);
         if (type == &PyUnicode_Type) {
@@ -354,8 +355,8 @@ private:
         } else if (kind.is(PyDict_Type)) {
             write_object(value, parent);
         } else {
-            const Ref text = call(reinterpret_cast<PyObject*>(&PyUnicode_Type), {value});
-            write_string(text, out_.size(), out_);
+            const Ref string = call(reinterpret_cast<PyObject*>(&PyUnicode_Type), {value});
+            write_string(string, out_.size(), out_);
         }
     }
 
@@ -365,7 +366,7 @@ private:
         bool first = true;
         const auto write_item = [&](PyObject* item) {
             const std::size_t piece = out_.size();
-            // The bracket comes with the first item, if there is one after all.
+            // The bracket is in one piece with the first item, if there still is one.
             if (std::exchange(first, false)) {
                 out_.add("[");
             } else {
@@ -407,7 +408,7 @@ private:
         out_.add("}");
     }
 
-    // `for key, value in dict.items()` with its checks.
+    // `for key, value in dict.items()`, with the errors that it raises when the dictionary changes.
     template <class Use>
     static void each_member(PyObject* dict, Use use) {
         const Py_ssize_t size = PyDict_GET_SIZE(dict);
@@ -429,7 +430,8 @@ private:
         }
     }
 
-    // A member's name: a string as it is, numbers and constants as a string of their JSON form.
+    // Writes a member's name: a str as such, numbers and constants as a string of their JSON form. TypeError for
+    // others.
     void write_key(PyObject* key) {
         if (PyUnicode_CheckExact(key)) return write_string(key, out_.size(), out_);
         if (PyLong_CheckExact(key) || PyFloat_CheckExact(key) || PyBool_Check(key) || key == Py_None) {

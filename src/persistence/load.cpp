@@ -1,5 +1,6 @@
-// The whole file is parsed before anything is replaced; then the tables are built one by one into a new dictionary. The
-// objects are asked for their members by Python's rules, so that a file of the wrong shape fails with its errors.
+// The whole file is parsed before anything is replaced; then self.tables becomes a new dictionary, to which the tables
+// are added one by one. The document's members are read by Python's rules, so a file of the wrong shape raises Python's
+// errors, and leaves the tables added so far.
 #include "persistence/load.h"
 
 #include "cpython310/handled_error.h"
@@ -68,13 +69,13 @@ void replace_tables(PyObject* self, PyObject* document) {
 }
 
 void load_bytes(PyObject* self, PyObject* json, PyObject* bytes, PyObject* constants) {
-    // A descriptor that does not wait gives None where there is nothing to read yet.
+    // Reading a descriptor in non-blocking mode gives None where there is nothing to read yet.
     if (!PyBytes_Check(bytes)) raise(PyExc_TypeError, "cannot read a database from '%.100s'", Py_TYPE(bytes)->tp_name);
     Ref document = read_json({PyBytes_AS_STRING(bytes), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes))}, constants);
     if (!document) {
         const Ref stream = call(module_state.bytes_io, {bytes});
-        const Ref text = call(module_state.text_io_wrapper, {stream}, {{names::encoding, names::utf8}});
-        document = call_method(json, names::load, {text});
+        const Ref file = call(module_state.text_io_wrapper, {stream}, {{names::encoding, names::utf8}});
+        document = call_method(json, names::load, {file});
     }
     replace_tables(self, document);
 }
@@ -83,7 +84,8 @@ void read_file(PyObject* self) {
     const Ref filename = get_attribute(self, names::filename);
     const Ref open = global(names::open);
     const Ref json = global(names::json);
-    // The fast path: the file's bytes, of which the reader makes what the interpreter's `open` and `json` make of them.
+    // The fast path: the reader makes of the file's bytes what the built-in `open` and the standard `json` make of
+    // them.
     const Ref constants = open == module_state.open ? standard_constants(json) : Ref{};
     if (constants) {
         Ref bytes;
@@ -110,8 +112,8 @@ Ref load(PyObject* self) {
     if (succeeds([&] { read_file(self); })) return Ref::none();
     if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw PythonError{};
     HandledError error;
-    const Ref text = str_of(error.value());
-    const Ref report = Ref::steal(PyUnicode_FromFormat("Error loading database: %U", static_cast<PyObject*>(text)));
+    const Ref message = str_of(error.value());
+    const Ref report = Ref::steal(PyUnicode_FromFormat("Error loading database: %U", static_cast<PyObject*>(message)));
     call(module_state.print, {report});
     error.reraise();
 }

@@ -5,9 +5,9 @@
 
 namespace jdb::persistence {
 
-// Replaces self.tables by what the file at self.filename holds; a missing file changes nothing. An error is reported
-// in a printed line and goes on. A file that can't be read or parsed leaves the tables as they were; one of the wrong
-// shape leaves the tables that came before the fault.
+// Replaces self.tables by the tables of the file at self.filename; a missing file changes nothing. None. An error is
+// printed in one line and raised. Where the file can't be read or parsed, the tables stay; where it has the wrong
+// shape, the tables before the fault replace them.
 Ref load(PyObject* self);
 
 }  // namespace jdb::persistence

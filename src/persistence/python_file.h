@@ -1,4 +1,4 @@
-// Files opened by calling `open`.
+// File objects of Python.
 #pragma once
 
 #include "cpython310/handled_error.h"
@@ -6,7 +6,8 @@
 
 namespace jdb::persistence {
 
-// Runs `use` with the opened file as the `with` statement does: the file is closed on success and on failure.
+// `with file as entered: use(entered)`: the file is closed on success and on failure. Raises the errors of `use`,
+// unless the file's `__exit__` suppresses them, and those of closing.
 template <class Use>
 void with_file(PyObject* file, Use use) {
     const Ref exit = get_attribute(file, names::dunder_exit);

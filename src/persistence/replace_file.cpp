@@ -1,6 +1,6 @@
-// Order: new file made in the old one's directory, text written, flushed, access rights taken over, name given, renamed
-// over the old file, new file and directory flushed. Up to the rename a failure leaves the old file byte for byte and
-// nothing of the new one; after it the new text is there and only its permanence in doubt.
+// Order: the new file is made in the old one's directory, written, flushed, given the old one's access rights, named,
+// renamed over the old file; then file and directory are flushed. A failure before the rename leaves the old file byte
+// for byte and nothing of the new one; after it the new file is in place but may not survive a power cut.
 #include "persistence/replace_file.h"
 
 #include <fcntl.h>
@@ -21,8 +21,8 @@ namespace {
 
 constexpr int kMaxNames = 100;
 
-// No secret, only a number that no other process draws at the same time.
-std::uint64_t draw() {
+// It is no secret: it only has to differ from the numbers of other processes.
+std::uint64_t random_number() {
     std::uint64_t number = 0;
     const Outcome drawn = run([&] { return getrandom(&number, sizeof number, GRND_NONBLOCK); });
     if (drawn.error == 0) return number;
@@ -34,22 +34,23 @@ std::uint64_t draw() {
 std::string random_name() {
     constexpr std::string_view digits = "0123456789abcdef";
     std::string name = ".json_database-";
-    std::uint64_t number = draw();
+    std::uint64_t number = random_number();
     for (int digit = 0; digit < 16; ++digit, number >>= 4U) name += digits[number & 15U];
     return name + ".tmp";
 }
 
-// The system's words alone would send the reader to the file's own access rights.
-const char* about_directory(int error, const char* remark) {
+// The remark where the error is about access rights: without it the message would seem to be about the file's own.
+const char* directory_remark(int error, const char* remark) {
     return error == EACCES || error == EPERM ? remark : nullptr;
 }
 
 }  // namespace
 
-// By way of the other constructor the object is complete from here on: what fails is cleaned up by the destructor.
+// After the delegated constructor the destructor runs even when this one throws, and cleans up.
 FileReplacement::FileReplacement(ReplaceTarget target) : FileReplacement() {
     target_ = std::move(target);
-    // Some systems let a file without a name have more access rights than the process gives to new files.
+    // A first file is made with a name: on some systems a file without one gets more access rights than the process's
+    // umask allows.
     if (!target_.exists || !make_without_name()) make_with_name();
 }
 
@@ -59,7 +60,7 @@ FileReplacement::~FileReplacement() {
     unlinkat(target_.directory.number(), new_name_.c_str(), 0);
 }
 
-// Has the new file made, or its name given, under names of its own until one is free.
+// Calls `make(name)` with random names until one is free; then the new file has that name.
 template <class Make>
 Outcome FileReplacement::under_new_name(Make make) {
     for (int tries = 0;; ++tries) {
@@ -71,7 +72,7 @@ Outcome FileReplacement::under_new_name(Make make) {
     }
 }
 
-// False where that is not to be had; a reason that stands in the way of any new file is met again by a named one.
+// False where it fails, for whatever reason: one that prevents any new file also prevents a named one.
 bool FileReplacement::make_without_name() {
     const Outcome made =
         run([&] { return openat(target_.directory.number(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, S_IRUSR | S_IWUSR); });
@@ -87,9 +88,9 @@ void FileReplacement::make_with_name() {
     });
     new_file_ = Descriptor(made.result);
     if (made.error == 0) return;
-    // Without an old file `open` would fail here too, in the system's words.
+    // Without an old file `open` would fail here too, with the system's message alone.
     const char* remark =
-        target_.exists ? about_directory(made.error, "no new file can be made in its directory") : nullptr;
+        target_.exists ? directory_remark(made.error, "no new file can be made in its directory") : nullptr;
     raise_os_error(made.error, target_.name, remark);
 }
 
@@ -102,8 +103,8 @@ void FileReplacement::write(std::string_view bytes) {
         if (written.error != 0) raise_os_error(written.error, target_.name);
         bytes.remove_prefix(static_cast<std::size_t>(written.result));
     }
-    // The disk may begin while the rest of the text is being made; `commit` is what waits for it, and hears of errors.
-    // Without this an insert into 8.5 MB takes 1.15 to 1.2 times as long on an idle machine, as long on a busy one.
+    // The disk can begin while the rest is being made; `commit` waits for it and gets its errors. Without this an
+    // insert into 8.5 MB takes 1.15 to 1.2 times as long on an idle machine, and as long on a busy one.
     run([&] { return sync_file_range(new_file_.number(), start, size, SYNC_FILE_RANGE_WRITE); });
 }
 
@@ -113,10 +114,9 @@ void FileReplacement::commit() {
     copy_access_rights();
     if (new_name_.empty()) give_name();
     rename();
-    // A file system without a journal has no name counted for the file on its disk so far, and would lose it with the
-    // next power cut; a third flush makes a small save take 1.05 to 1.25 times as long there. Where there is a journal
-    // this commits the renaming, also in a directory that can't be flushed, and leaves the directory's flush little to
-    // do.
+    // A file system without a journal has not yet stored on disk that the file has a name, and would lose the file in a
+    // power cut; the third flush makes a small save take 1.05 to 1.25 times as long there. With a journal this flush
+    // commits the rename, also in a directory that can't be flushed, and leaves the directory's flush little to do.
     flush();
     flush_directory();
     const int error = new_file_.close();
@@ -131,7 +131,7 @@ void FileReplacement::flush() const {
 void FileReplacement::flush_directory() const {
     if (!target_.directory_readable) return;
     const Outcome flushed = run([&] { return fsync(target_.directory.number()); });
-    // A file system that has no such operation says so in this way.
+    // EINVAL: the file system can't flush directories.
     if (flushed.error != 0 && flushed.error != EINVAL) raise_os_error(flushed.error, target_.name);
 }
 
@@ -154,10 +154,10 @@ void FileReplacement::give_name() {
 void FileReplacement::copy_to_named_file() {
     const Descriptor unnamed = std::move(new_file_);
     make_with_name();
-    constexpr std::size_t much = std::size_t{1} << 30U;
+    constexpr std::size_t kChunk = std::size_t{1} << 30U;
     off_t copied = 0;
     for (;;) {
-        const Outcome sent = run([&] { return sendfile(new_file_.number(), unnamed.number(), &copied, much); });
+        const Outcome sent = run([&] { return sendfile(new_file_.number(), unnamed.number(), &copied, kChunk); });
         if (sent.error != 0) raise_os_error(sent.error, target_.name);
         if (sent.result == 0) break;
     }
@@ -171,7 +171,7 @@ void FileReplacement::rename() {
         run([&] { return renameat(directory, new_name_.c_str(), directory, target_.file.c_str()); });
     if (renamed.error != 0) {
         raise_os_error(renamed.error, target_.name,
-                       about_directory(renamed.error, "it can't be replaced in its directory"));
+                       directory_remark(renamed.error, "it can't be replaced in its directory"));
     }
     new_name_.clear();
 }

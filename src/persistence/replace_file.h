@@ -1,4 +1,4 @@
-// Replacing a file by a new one, so that at every moment its name leads to the complete old or the complete new text.
+// Replacing a file by a new one, so that its name leads to the complete old or the complete new one at every moment.
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@
 
 namespace jdb::persistence {
 
-// The new file while it is being written. Where the system has files without names it has one for the moment of the
-// renaming only, so that a killed process leaves nothing behind. Until `commit` has renamed it the old file is
-// untouched, the new one is closed to all but its owner, and going out of scope removes it. A first file, with nothing
-// to replace, has a name and the access rights of any new file from the start. Each call may raise OSError, which names
-// the database file; the GIL is released while the disk works.
+// The new file while it is being written. Where the system has files without names, it has a name only in `commit`,
+// just before the rename, so that a killed process leaves nothing behind. Before the rename the old file is untouched,
+// only the owner can use the new one, and the destructor removes it. A first file, with nothing to replace, has a name
+// and the access rights of any new file from the start. Each call may raise OSError, which names the database file; the
+// GIL is released in system calls.
 class FileReplacement {
 public:
     explicit FileReplacement(ReplaceTarget target);
@@ -20,10 +20,11 @@ public:
     FileReplacement(const FileReplacement&) = delete;
     FileReplacement& operator=(const FileReplacement&) = delete;
 
+    // Appends the bytes to the new file.
     void write(std::string_view bytes);
-    // Flushes the new file to disk, gives it the old one's access rights as far as the process may, puts it in the old
-    // one's place and flushes that. When it returns, the new text survives a power cut; when it raises, the old file is
-    // as it was, or the new one is in its place and only its permanence in doubt.
+    // Flushes the new file to disk, gives it the old one's access rights as far as the process may, renames it over the
+    // old one and flushes that. When it returns, the new file survives a power cut. When it raises, either the old file
+    // is as it was, or the new one is in its place and may not survive one.
     void commit();
 
 private:

@@ -1,5 +1,5 @@
-// The walk goes from directory to directory by descriptor, as the system's own does: the texts of links may add up to
-// more than a path can hold, and what was found stays the same when a directory is renamed meanwhile.
+// The walk goes from directory to directory by descriptor, as the system's own does: the targets of links may add up to
+// more than a path can hold, and what was found stays valid when a directory is renamed. Nothing is changed on disk.
 #include "persistence/replace_target.h"
 
 #include <fcntl.h>
@@ -16,7 +16,7 @@ namespace {
 constexpr int kMaxLinks = 40;  // as many as the system itself follows
 constexpr int kMaxTries = 100;
 
-// Enters the directory that `path` names, seen from the one that the walk has come to. 0, or the error number.
+// Enters the directory of `path`, relative to the one that the walk is in. 0, or the error number.
 int enter_directory(const std::string& path, ReplaceTarget& target) {
     const std::size_t name = path.rfind('/') + 1;
     const std::string directory = name == 0 ? "." : path.substr(0, name);
@@ -33,21 +33,21 @@ int enter_directory(const std::string& path, ReplaceTarget& target) {
     return 0;
 }
 
-// What the link at the end of the walk says. 0, or the error number.
-int read_link(const ReplaceTarget& target, std::string& text) {
+// Reads the target of the link that the walk is at. 0, or the error number.
+int read_link(const ReplaceTarget& target, std::string& link) {
     std::array<char, 4096> buffer{};
     const Outcome read =
         run([&] { return readlinkat(target.directory.number(), target.file.c_str(), buffer.data(), buffer.size()); });
     if (read.error != 0) return read.error;
     if (static_cast<std::size_t>(read.result) == buffer.size()) return ENAMETOOLONG;
-    text.assign(buffer.data(), static_cast<std::size_t>(read.result));
+    link.assign(buffer.data(), static_cast<std::size_t>(read.result));
     return 0;
 }
 
 struct Walk {
-    struct stat end {};  // of what lies at the end, where something does
-    int links = 0;       // that were followed in the last place
-    int error = 0;
+    struct stat end {};  // of what is at the end, if anything
+    int links = 0;       // followed at the end
+    int error = 0;       // 0, or the error number
 };
 
 // Walks to the end of the path and of any links there.
@@ -69,9 +69,9 @@ Walk walk(std::string path, ReplaceTarget& target) {
     return walked;
 }
 
-// Compares the walk's end with what the system itself finds behind the path. A link may lead where no path does or may
-// be walked, as those in /proc to open files. Another process that is replacing the file right now makes it look so for
-// a moment, but not many times in a row.
+// Compares the walk's end with what the system finds behind the path. False where that is no regular file, or where the
+// two keep differing: a link may lead where no path leads or may be walked, as those in /proc to open files. They also
+// differ for a moment while another process replaces the file, hence the tries.
 bool find_behind_links(const std::string& path, ReplaceTarget& target, Walk walked) {
     for (int tries = 0; tries < kMaxTries; ++tries, walked = walk(path, target)) {
         struct stat opened {};
@@ -103,7 +103,7 @@ void refuse_unwritable(ReplaceTarget& target) {
     const char* file = target.file.c_str();
     Outcome answer = run([&] { return faccessat(directory, file, W_OK, AT_EACCESS); });
     if (answer.error == 0) return;
-    // The question itself may be what is refused. An opening that fails leaves no traces either.
+    // Perhaps only the question is not allowed. Opening the file answers it too.
     answer = run([&] { return openat(directory, file, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); });
     const Descriptor opened(answer.result);
     target.exists = answer.error != ENOENT;  // gone by now: the new file is a first one

@@ -1,4 +1,4 @@
-// What a file name leads to, for a file that is to be replaced.
+// Finding the file that a name leads to, when it is to be replaced.
 #pragma once
 
 #include <optional>
@@ -8,18 +8,18 @@
 
 namespace jdb::persistence {
 
-// A file to be replaced: links followed, found to be a regular file that may be written, or none yet.
+// A file to be replaced, with links followed: a regular file that may be written, or the place for a first one.
 struct ReplaceTarget {
-    Ref name;                        // the path as Python code gave it; errors show it
-    Descriptor directory;            // where the file lies and the new one is made
-    bool directory_readable = true;  // one that is not can't be flushed
-    std::string file;                // its name in there
+    Ref name;                        // the path as Python code gave it, for errors
+    Descriptor directory;            // where the file is, and the new one is made
+    bool directory_readable = true;  // an unreadable one can't be flushed
+    std::string file;                // its name in the directory
     bool exists = false;
 };
 
-// Nothing when `filename` leads to what can't be replaced, only opened: a device, a pipe, a directory, a descriptor
-// number. Raises what `open` would raise for writing, and reports the opening to audit hooks as it does. The old file
-// is not opened: watchers, leases and overlay file systems take no notice of a question.
+// Nothing when `filename` is or leads to something that can only be opened: a device, a pipe, a directory, the number
+// of a descriptor. Raises what `open` would raise for writing, and reports to audit hooks as `open` does. The old file
+// is not opened where that can be avoided: watchers, leases and overlay file systems would notice.
 std::optional<ReplaceTarget> find_replace_target(PyObject* filename);
 
 }  // namespace jdb::persistence

@@ -1,6 +1,6 @@
-// The document goes to a new file that takes the old one's place when it is complete; until then the old file is
-// untouched. What is no regular file is opened and written as it is. Where another `open` stands in for the
-// interpreter's, nobody knows what opening does to the file, so the text is complete before.
+// The document goes to a new file, which replaces the old one when it is complete; until then the old file is
+// untouched. What is not a regular file is opened, then written. Where the module's `open` is not the interpreter's,
+// opening may do anything to the file, so the JSON is complete before.
 #include "persistence/save.h"
 
 #include <optional>
@@ -19,7 +19,8 @@
 namespace jdb::persistence {
 namespace {
 
-// What the module's json.dump writes, encoded as it writes, which is when a file refuses a lone surrogate.
+// What the module's json.dump writes, encoded while it writes: then a lone surrogate raises its error in the same place
+// as with a file.
 Ref dumped_bytes(PyObject* json, PyObject* document) {
     const Ref bytes = call(module_state.bytes_io, {});
     const Ref file = call(module_state.text_io_wrapper, {bytes}, {{names::encoding, names::utf8}});
@@ -40,9 +41,9 @@ void write_document(PyObject* document, const Sink& sink) {
 }
 
 Ref document_string(PyObject* document) {
-    std::string text;
-    write_document(document, [&](std::string_view piece) { text.append(piece); });
-    return new_string(text);
+    std::string json;
+    write_document(document, [&](std::string_view piece) { json.append(piece); });
+    return new_string(json);
 }
 
 void replace_file(ReplaceTarget target, PyObject* document) {
@@ -65,12 +66,12 @@ Ref save(PyObject* self) {
             return Ref::none();
         }
     }
-    Ref text;
-    if (!standard) text = document_string(document);
+    Ref string;
+    if (!standard) string = document_string(document);
     const Ref file = call(open, {filename, names::mode_write}, {{names::encoding, names::utf8}});
     with_file(file, [&](PyObject* entered) {
-        if (standard) text = document_string(document);
-        call_method(entered, names::write, {text});
+        if (standard) string = document_string(document);
+        call_method(entered, names::write, {string});
     });
     return Ref::none();
 }

@@ -1,7 +1,7 @@
-// What json.dump and json.load of CPython 3.10 look up when they run, found the way in which they find it. On the way
-// to json.load's result lie the functions `load` and `loads`, a decoder object, two methods of it, and a native
-// scanner; on the way to json.dump's the function, a class with its initialiser, one method and two separators, and the
-// names that the method finds in its module.
+// What json.dump and json.load of CPython 3.10 look up when they run, found in the same way. json.load uses the
+// functions `load` and `loads`, a decoder object, two of its methods, and a native scanner. json.dump uses the
+// function, a class with its initialiser, one method and two separators, and the names that the method finds in its
+// module.
 #include "persistence/standard_json.h"
 
 #include <cmath>
@@ -45,7 +45,7 @@ bool is_defined_in(PyObject* function, const char* module, const char* name) {
     return is_string(code->co_name, name) && is_string(defined_in, module);
 }
 
-// The same, and defined in this very namespace.
+// The same, and its namespace is this one.
 bool is_own_function(PyObject* globals, PyObject* function, const char* module, const char* name) {
     return is_defined_in(function, module, name) && PyFunction_GET_GLOBALS(function) == globals;
 }
@@ -103,7 +103,8 @@ bool is_decoder_method(PyObject* decoder, Name& name, const char* expected) {
            is_defined_in(PyMethod_GET_FUNCTION(method), "json.decoder", expected);
 }
 
-// What the native scanner makes a word of, if nothing else about it is out of the ordinary.
+// The dictionary from which the native scanner takes NaN and the infinities, if its settings are the standard ones;
+// otherwise an empty Ref.
 Ref constants_of(PyObject* scanner) {
     // A class written in Python would give its instances a dictionary.
     if (std::string_view(Py_TYPE(scanner)->tp_name) != "_json.Scanner" || Py_TYPE(scanner)->tp_dictoffset != 0)

@@ -1,4 +1,4 @@
-// Calls of the operating system: run without the GIL, through interrupts, their failures as OSError.
+// Calls of the operating system, run without the GIL and repeated after signals, with failures as OSError.
 #pragma once
 
 #include <sys/types.h>
@@ -10,7 +10,7 @@
 
 namespace jdb::persistence {
 
-// Lets other threads run while it lives.
+// Releases the GIL while it lives, so that other threads run.
 class GilReleased {
 public:
     GilReleased() noexcept : state_(PyEval_SaveThread()) {}
@@ -22,13 +22,13 @@ private:
     PyThreadState* state_;
 };
 
-// What a system call gave: its result, negative on failure, and the error number, 0 on success.
+// The result of a system call, negative on failure, and the error number, 0 on success.
 struct Outcome {
     ssize_t result;
     int error;
 };
 
-// Runs a system call without the GIL, again while a signal interrupts it.
+// Runs a system call without the GIL, and again while signals interrupt it. The call touches no Python object.
 template <class SystemCall>
 Outcome run(SystemCall system_call) {
     const GilReleased released;
@@ -39,10 +39,11 @@ Outcome run(SystemCall system_call) {
     }
 }
 
-// Whether the system or a file system has no such call, or grants it to others only: a way round it is taken then.
+// Whether the error says that the system, the file system or the process's rights don't allow the call; there is
+// another way then.
 bool is_unavailable(int error);
 
-// Raises the OSError of that number for that file. A remark goes in brackets behind the system's words.
+// Raises the OSError of that number for that file. A remark is added to the system's message in parentheses.
 [[noreturn]] void raise_os_error(int error, PyObject* filename, const char* remark = nullptr);
 
 // An open descriptor, closed when it goes out of scope. A negative one (AT_FDCWD too) needs no closing.
@@ -59,7 +60,7 @@ public:
     Descriptor& operator=(const Descriptor&) = delete;
 
     [[nodiscard]] int number() const noexcept { return number_; }
-    // Lets other threads run meanwhile. 0, or the error number.
+    // Closes it, if it is open, without the GIL. 0, or the error number.
     int close() noexcept;
 
 private:

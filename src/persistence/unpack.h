@@ -1,4 +1,4 @@
-// `first, second = item`
+// Unpacking pairs by Python's rules.
 #pragma once
 
 #include <array>
@@ -8,6 +8,7 @@
 
 namespace jdb::persistence {
 
+// `first, second = item`, with its errors: TypeError for what can't be iterated, ValueError for another length.
 inline std::pair<Ref, Ref> unpack_pair(PyObject* item) {
     if (PyTuple_CheckExact(item) && PyTuple_GET_SIZE(item) == 2) {
         return {Ref::borrow(PyTuple_GET_ITEM(item, 0)), Ref::borrow(PyTuple_GET_ITEM(item, 1))};
