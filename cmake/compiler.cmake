@@ -5,7 +5,7 @@ if(CMAKE_CROSSCOMPILING)
     message(FATAL_ERROR "Cross-compilation is not supported: build on a system that runs the CPython 3.10 it is for.")
 endif()
 
-# CMake's own words would be those for a machine without any compiler.
+# CMake's own message would be the one for a machine without any compiler.
 if(NOT "$ENV{CXX}" STREQUAL "" AND NOT CMAKE_CXX_COMPILER)
     separate_arguments(words UNIX_COMMAND "$ENV{CXX}")
     list(GET words 0 program)

@@ -148,8 +148,8 @@ list(GET facts 6 cpython310_multiarch)
 list(GET facts 7 cpython310_site_dir)
 list(REMOVE_DUPLICATES cpython310_include_dirs)
 message(STATUS "Found ${cpython310_version}: ${cpython310_executable}")
-# Both are empty on systems without Debian's names. A compiler for another machine would build a module that bears this
-# interpreter's name and can't be loaded by it.
+# Both are empty on systems without Debian's names. A compiler for another machine would build a module that is named
+# for this interpreter and can't be loaded by it.
 if(cpython310_multiarch AND CMAKE_CXX_LIBRARY_ARCHITECTURE
         AND NOT cpython310_multiarch STREQUAL CMAKE_CXX_LIBRARY_ARCHITECTURE)
     message(FATAL_ERROR "${CMAKE_CXX_COMPILER} builds for ${CMAKE_CXX_LIBRARY_ARCHITECTURE}, and "
