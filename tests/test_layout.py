@@ -23,21 +23,35 @@ HARMLESS = re.compile(r"""Py_(TYPE|SIZE|SET_SIZE|X?INCREF|LeaveRecursiveCall|Get
     | _PyObject_GetDictPtr | _PyType_Lookup | PySys_GetObject | PyThreadState_Get
     | PyEval_GetBuiltins | PyInterpreterState_Get(Dict)? | PyModuleDef_Init | PyInit_\w+""", re.VERBOSE)
 OWN_WAY = {"exit.h", "ref.h", "system_call.h"}  # these see to it by themselves
-
-
 MAY_CATCH = {"error.h", "exit.h"}  # none calls the interpreter within the block
+# What only this version promises: private functions and types, and how objects are laid out in memory.
+VERSIONS_OWN = re.compile(r"""\b(_Py\w+ | PyASCIIObject | PyCompactUnicodeObject | longintrepr | ob_digit | dk_\w+ | me_\w+
+    | ma_(version_tag|keys|values|used) | tp_version_tag | tp_vectorcall_offset | Py_TPFLAGS_VALID_VERSION_TAG
+    | exc_(info|state))\b""", re.VERBOSE)
+
+
+def sources():
+    """(path below src, text without comments and words of messages) of each."""
+    for file in sorted(SOURCES.glob("**/*.[ch]*")):
+        text = re.sub(r"//.*|(?<!include )\"[^\"\n]*\"", "", file.read_text())
+        yield file.relative_to(SOURCES), text
 
 
 class Calls(unittest.TestCase):
     def test_a_thread_may_rest_where_python_code_may_run(self):
         """Such calls go through python(), and stand in no catch block."""
         wrong = []
-        for file in sorted(SOURCES.glob("**/*.[ch]*")):
-            text = re.sub(r"//.*|(?<!include )\"[^\"\n]*\"", "", file.read_text())
-            wrong += [f"{file.name}: {name}" for name in re.findall(r"\b(_?Py[A-Z]?\w*_\w+)\(", text)
+        for file, text in sources():
+            wrong += [f"{file}: {name}" for name in re.findall(r"\b(_?Py[A-Z]?\w*_\w+)\(", text)
                       if not HARMLESS.fullmatch(name) and file.name not in OWN_WAY]
-            wrong += [file.name] if "catch (" in text and file.name not in MAY_CATCH else []
+            wrong += [file] if "catch (" in text and file.name not in MAY_CATCH else []
         self.assertEqual(wrong, [])
+
+    def test_what_one_version_promises_is_used_in_one_folder(self):
+        used = {file: VERSIONS_OWN.search(text) for file, text in sources()}
+        found = {str(file): match[0] for file, match in used.items() if match}
+        self.assertGreater(len(found), 3)
+        self.assertEqual({file: name for file, name in found.items() if not file.startswith("cpython310/")}, {})
 
 
 class Includes(unittest.TestCase):
