@@ -180,62 +180,25 @@ class JSONDatatable(literal.JSONDatatable):
         return result
 
 
-NUMBER_METHODS = {"__int__", "__index__", "__float__"}
 BUILT_IN = {"str": str, "int": int, "Dict": dict, "List": list}
 
 
-def wrong_type(parameter, expected, value):
-    note = ". Subclasses of built-in types are refused" if isinstance(value, expected) else ""
-    return TypeError(f"Argument '{parameter}' has incorrect type "
-                     f"(expected {expected.__name__}, got {type(value).__name__:.200}){note}")
-
-
-def bind(name, parameters, defaults, args, kwargs):
-    """The arguments in parameter order."""
-    def count_error(limit, given):
-        how = "exactly" if not defaults else "at least" if given < limit else "at most"
-        plural = "" if limit == 1 else "s"
-        return TypeError(f"{name}() takes {how} {limit} positional argument{plural} ({given} given)")
-
-    if len(args) > len(parameters):
-        raise count_error(len(parameters), len(args))
-    bound = dict(zip(parameters, args))
-    for keyword, value in kwargs.items():
-        if keyword not in parameters:
-            raise TypeError(f"{name}() got an unexpected keyword argument '{keyword}'")
-        if keyword in bound:
-            raise TypeError(f"{name}() got multiple values for keyword argument '{keyword}'")
-        bound[keyword] = value
-    required = len(parameters) - len(defaults)
-    for position, parameter in enumerate(parameters):
-        if parameter not in bound and position < required:
-            raise count_error(required, position)
-    return {**dict(zip(parameters[required:], defaults)), **bound}
-
-
 def with_argument_checks(name):
-    """The method behind binding, conversions and exact-type tests, as its annotations ask for them."""
+    """The method behind exact-type tests, as its annotations ask for them."""
     declared, method = getattr(literal.JSONDatatable, name), getattr(JSONDatatable, name)
-    parameters = list(inspect.signature(declared).parameters)
+    signature = inspect.signature(declared)
     kinds = {name: re.match(r"(?:(Optional)\[)?(\w+)", text).groups()
              for name, text in declared.__annotations__.items() if name != "return"}
 
     def checked(*args, **kwargs):
-        values = bind(declared.__name__, parameters, declared.__defaults__ or (), args, kwargs)
+        bound = signature.bind(*args, **kwargs)
+        bound.apply_defaults()
         for name, (optional, kind) in kinds.items():
-            if values[name] is None and optional:
-                continue
-            if kind == "bool":
-                values[name] = bool(values[name])
-            elif kind == "int" and type(values[name]) is not int:
-                if not NUMBER_METHODS & set(dir(type(values[name]))):
-                    raise wrong_type(name, int, values[name])
-                values[name] = int(values[name])
-        for name, (optional, kind) in kinds.items():
-            expected = BUILT_IN.get(kind)
-            if expected and type(values[name]) is not expected and not (optional and values[name] is None):
-                raise wrong_type(name, expected, values[name])
-        return method(**values)
+            value, expected = bound.arguments[name], BUILT_IN.get(kind)
+            if expected and type(value) is not expected and not (optional and value is None):
+                raise TypeError(f"Argument '{name}' has incorrect type "
+                                f"(expected {expected.__name__}, got {type(value).__name__:.200})")
+        return method(*bound.args, **bound.kwargs)
 
     return checked
 

@@ -86,6 +86,3 @@ def wrong_files(cases, count):
 class Files(FaultTest):
     def test_bad_files(self):
         self.in_child(wrong_files, 15000 if LONG else 300, least=40000 if LONG else 2000)
-
-if __name__ == "__main__":
-    unittest.main()

@@ -215,7 +215,3 @@ class Company(FaultTest):
         for _ in range(20 if LONG else 1):
             kept = self.kept(WAITING, "jobs = queue.Queue(); atexit.register(jobs.join)")
             self.assertEqual(kept, list(range(60)))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -113,7 +113,3 @@ class Disk(FaultTest):
 
     def test_planted_names(self):
         self.in_child(planted, least=12)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -88,7 +88,3 @@ class Documents(unittest.TestCase):
                 self.assertLessEqual(set(re.findall(r"cmake --workflow --preset (\w+)", document)), presets)
                 for link in re.findall(r"\]\((?!\w+:)([^)#]+)", document):
                     self.assertTrue((ROOT / name.parent / link).exists(), link)
-
-
-if __name__ == "__main__":
-    unittest.main()

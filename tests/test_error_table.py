@@ -77,7 +77,3 @@ class ErrorTables(DatabaseTest):
             with contextlib.redirect_stdout(io.StringIO()) as printed, self.said(kind, words):
                 JSONDatatable("shop.json")
             self.assertEqual(printed.getvalue(), f"Error loading database: {words}\n")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -105,7 +105,3 @@ class Examples(DatabaseTest):
             "ann@x.org | 42  | 1982-03-15\n"
             "\nShowing 1 of 2 rows\n\n"
             "Table 'nope' does not exist\n"))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -313,7 +313,3 @@ class FastPaths(DatabaseTest):
         calls = [("get_row", "t", 0), ("select", "t"), ("select", "t", {"a": 1}), ("select", "t", {"b": 2}),
                  ("display_table", "t"), ("_row_to_dict", self.db.tables.get("t"), [1, 2])]
         return [self.outcome(getattr(self.db, method), *args) for method, *args in calls]
-
-
-if __name__ == "__main__":
-    unittest.main()

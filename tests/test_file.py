@@ -81,7 +81,3 @@ class Loading(DatabaseTest):
         with self.assertRaises(ValueError), contextlib.redirect_stdout(None):
             self.db.load()
         self.assertTrue(gc.isenabled())
-
-
-if __name__ == "__main__":
-    unittest.main()

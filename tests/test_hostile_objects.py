@@ -187,7 +187,3 @@ class HostileObjects(FaultTest):
 
     def test_every_object_in_every_place(self):
         self.in_child(hostile_objects, 1 if LONG else 0.02, least=50000 if LONG else 1100)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -123,7 +123,3 @@ class RowDictionaries(DatabaseTest):
         self.assertEqual(rows[:50] + rows[54:], expected[:50] + expected[54:])
         self.assertEqual(rows[50:54], [{**expected[50], "c": 1}, {**expected[51], 5: 1}, {"b": [52]}, {}])
         self.assertEqual(self.db.select("t"), expected)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -69,7 +69,3 @@ class Includes(unittest.TestCase):
                     wrong.append(f"{file.relative_to(SOURCES)} -> {target}")
         self.assertTrue(BELOW.keys() <= {path.name for path in SOURCES.iterdir()})
         self.assertEqual(wrong, [])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -97,6 +97,3 @@ class Memory(FaultTest):
 
     def test_leaks(self):
         self.in_child(leaks, 2000 if LONG else 200, least=40)
-
-if __name__ == "__main__":
-    unittest.main()

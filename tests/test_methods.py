@@ -9,6 +9,7 @@ import re
 import sys
 import types
 import unittest
+from fractions import Fraction
 from unittest import mock
 
 from support import DatabaseTest, JSONDatatable, module, optional, run_python
@@ -99,6 +100,29 @@ class Arguments(DatabaseTest):
             with self.subTest(message), self.unchanged(TypeError, message):
                 getattr(JSONDatatable, name)(*args, **keywords)
 
+    def test_conversions(self):
+        """Numbers become integers, and anything a truth value, before the types of the other arguments are tested."""
+        class Indexed:
+            __index__ = lambda self: 1
+
+        self.table(optional("n"), rows=[("x",), ("y",)])
+        for number in (1.9, True, Fraction(3, 2), Indexed(), type("Whole", (int,), {})(1)):
+            self.assertEqual(self.db.get_row("t", number), {"n": "y"})
+        for number in ("1", None, 1j, [1]):
+            with self.unchanged(TypeError):
+                self.db.get_row("t", number)
+        with self.unchanged(ZeroDivisionError):
+            self.db.get_row(None, type("Failing", (), {"__int__": lambda self: 1 // 0})())
+        with self.unchanged(ZeroDivisionError):
+            self.db._validate_row(None, None, type("Failing", (), {"__bool__": lambda self: 1 // 0})())
+
+    def test_subclasses_are_refused(self):
+        name, data = type("Text", (str,), {})("t"), type("Record", (dict,), {})()
+        self.table(optional("n"))
+        for method, *args in ((self.db.select, name), (self.db.insert, "t", data), (self.db._project_row, data, [])):
+            with self.subTest(method.__name__), self.assertRaisesRegex(TypeError, "[Ss]ubclass"):
+                method(*args)
+
     def test_order_and_words_of_type_errors(self):
         good = {"str": "t", "dict": {}, "list": [], "int": 0}
         for name, method in METHODS.items():
@@ -109,7 +133,3 @@ class Arguments(DatabaseTest):
                 with self.subTest(name, parameter=parameter), self.unchanged(TypeError, words):
                     getattr(self.db, name)(**given)
                 given[parameter] = good[kind]
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -20,7 +20,6 @@ import tempfile
 import unittest
 from datetime import date, datetime
 from decimal import Decimal
-from fractions import Fraction
 from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
@@ -71,8 +70,6 @@ def subclass(name, base, **more):
 
 Text, Whole, Real = subclass("Text", str), subclass("Whole", int), subclass("Real", float)
 Items, Record = subclass("Items", list), subclass("Record", dict)
-Indexed = subclass("Indexed", Tagged, __index__=lambda self: self.tag)
-Floating = subclass("Floating", Tagged, __float__=lambda self: self.tag)
 
 PLAIN = [None, True, False, 0, 1, 2, 3, 7, 1.0, 2.5, "", "a", "b", "c", "d", "Abc", "Zed", "1", "2.5", "日本"]
 TYPED = {
@@ -84,13 +81,11 @@ ODD = [
     lambda: float("nan"), lambda: float("inf"), lambda: -0.0, lambda: 1e20, lambda: 1e-05, lambda: 1e16,
     lambda: 10 ** 30, lambda: -2 ** 63, lambda: b"x", lambda: (1, "a"), lambda: (), lambda: [], lambda: [1, [None]],
     lambda: [[[[[[{}]]]]]], lambda: {"k": 1.5, 2: None, 1.5: True}, lambda: date(2024, 3, 15), lambda: {1},
-    lambda: datetime(2024, 3, 15, 10, 5), lambda: Decimal("1.50"), lambda: Fraction(3, 2), lambda: 1j,
+    lambda: datetime(2024, 3, 15, 10, 5), lambda: Decimal("1.50"), lambda: 1j,
     lambda: 'naïve q"\\\n\t\x01\x1f\x7f\u2028', lambda: Text("a"), lambda: Whole(1), lambda: Real(2.5),
     lambda: Items([1]), lambda: Record(k=Text("v")), lambda: Failing("eq"), lambda: Failing("hash"),
-    lambda: Failing("bool"), lambda: Sided(1), lambda: Sided(2), lambda: Floating(1.5), lambda: Indexed(1)]
+    lambda: Failing("bool"), lambda: Sided(1), lambda: Sided(2)]
 UNWRITABLE = [lambda: "\ud800", lambda: Failing("str"), lambda: {(1, 2): 3}, lambda: [{date(2024, 3, 15): 1}]]
-NUMBERS = [1.9, -0.5, True, Whole(1), 10 ** 30, -2 ** 64, Fraction(3, 2), Indexed(1), Floating(1.5),
-           Decimal("2.7"), 1j, "1", None, float("nan"), float("inf")]
 TABLES = ["t", "second", "é"]
 FILES = ["database.json", "other.json", "folder", "none/x.json", "a\0b", "\ud800", None]
 STEPS = {
@@ -145,7 +140,7 @@ class Side:
         if isinstance(error, UnicodeEncodeError):
             words = error.object[error.start:error.end] + error.reason
         if "has incorrect type (expected" in words:
-            words = words.split(". ")[0]
+            words = words[:words.index(")")]
         handled = error.__context__ and self.failure(error.__context__)
         return type(error), words, error.__suppress_context__, handled
 
@@ -235,7 +230,7 @@ class Step:
 
     def give_row_id(self):
         if self.chance(.25):
-            return self.choose(NUMBERS) if self.chance(.3) else self.draw.randrange(-1, len(self.rows) + 2)
+            return self.choose([10 ** 30, -2 ** 64, *range(-1, len(self.rows) + 2)])
         return self.draw.randrange(len(self.rows) or 1)
 
     def argument(self, name):
@@ -245,22 +240,12 @@ class Step:
             "table_name": lambda: self.choose(TABLES) if self.what == "create_table" else self.name,
             "filename": lambda: self.choose(FILES[:2]),
             "columns": self.give_columns, "conditions": self.give_conditions, "row_id": self.give_row_id,
-            "limit": lambda: self.choose(NUMBERS if self.chance(.1) else [0, 1, 2, 3, 20, -1, -2]),
+            "limit": lambda: self.choose([0, 1, 2, 3, 20, -1, -2, 10 ** 30, -2 ** 64]),
             "column_name": self.column_name,
             "table": lambda: self.table if self.chance(.9) else SimpleNamespace(**vars(self.table)),
             "row": lambda: self.choose(self.rows) if self.rows and self.chance(.8) else self.some_values(5),
-            "update": lambda: self.choose([True, False, None, "x", [], Failing("bool")]),
+            "update": lambda: self.chance(.5),
         }[name]()
-
-    def spoil(self, values):
-        """One argument less, one too many, or one of another type."""
-        spoiled = self.choose(["none", "bogus", "self"] + list(values) * 2)
-        if spoiled == "none":
-            values.popitem()
-        elif self.what == "__init__":  # a number would be an open file of this process
-            values[spoiled] = self.choose([None, Path("other.json"), Text("other.json")])
-        else:
-            values[spoiled] = self.choose([None, 5, (), "1", Text("t"), Items(), Record(), self.value()])
 
     # Steps
 
@@ -271,19 +256,14 @@ class Step:
         names = list(parameters)
         values = {name: self.argument(name) for name, parameter in parameters.items()
                   if parameter.default is parameter.empty or self.chance(.6)}
-        while values and self.chance(.06):
-            self.spoil(values)
         positional = next((i for i, name in enumerate(names) if name not in values), len(names))
         if self.chance(.25):
             positional = self.draw.randrange(positional + 1)
-        args = [values.pop(name) for name in names[:positional]] + [None] * self.chance(.005)
-        if self.chance(.005):
-            values[self.choose(["self"] + names[:positional])] = 1
+        args = [values.pop(name) for name in names[:positional]]
         self.given = args + list(values.items())
         method = getattr(self.db, self.what)
-        if self.chance(.02):  # by way of the class, and now and then without the object
-            method = getattr(self.side.kind, self.what)
-            args = args if self.chance(.2) else [self.db, *args]
+        if self.chance(.02):  # by way of the class
+            method, args = getattr(self.side.kind, self.what), [self.db, *args]
         self.keep(method(*args, **values))
 
     def keep(self, result):
@@ -441,7 +421,3 @@ class ModelTest(unittest.TestCase):
                 if seed % 100 == 0:
                     print(f"seeds from {seed}", file=sys.stderr, flush=True)
                 self.assertEqual("", text)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -139,7 +139,3 @@ class Records(unittest.TestCase):
                 self.assertEqual(one, record(*values))
                 self.assertEqual(pickle.loads(pickle.dumps(one)), one)
         self.assertIsNot(module.Table("t", []).rows, module.Table("t", []).rows)
-
-
-if __name__ == "__main__":
-    unittest.main()

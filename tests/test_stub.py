@@ -52,7 +52,3 @@ class Stub(DatabaseTest):
                 self.assertTrue(stubbed[name].__doc__)
                 declared = function.__annotations__.get("return")
                 self.assertIn(declared, (None, stubbed[name].__annotations__.get("return")))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -319,7 +319,3 @@ class TargetsUnderFaults(FaultTest):
     @unittest.skipUnless(CAN_MOUNT, "mounting is not permitted here")
     def test_mounts(self):
         self.in_child(mounted, least=2, through=("unshare", "-rm"))
-
-
-if __name__ == "__main__":
-    unittest.main()
