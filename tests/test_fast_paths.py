@@ -38,7 +38,7 @@ def number(r):
         lambda: r.randint(-9, 9), lambda: r.choice([1, -1]) * 10 ** r.randint(0, 40) + r.randint(-1, 1),
         lambda: struct.unpack("d", r.randbytes(8))[0],
         lambda: round(r.uniform(-1, 1) * 10 ** r.randint(0, 17), r.randint(0, 7)),
-        lambda: r.choice([math.nan, math.inf, -math.inf, 0.0, -0.0, 5e-324, 1e16, 1e22, 123456789012345.6])])()
+        lambda: r.choice([math.nan, math.inf, -math.inf, 0.0, -0.0, 5e-324, 1e16, 1e22, 123456789012345.])])()
 
 
 def day(r):
@@ -53,11 +53,12 @@ def plain_value(r, depth=0):
     """A value that the native writer knows."""
     simple = [
         text, text, number, number, word, lambda r: datetime.date.fromordinal(r.randint(1, 3652059)),
-        lambda r: datetime.datetime(r.randint(1, 9999), 1, 2, 3, 4, r.choice([0, 59]), r.choice([0, 1, 120000]))]
+        lambda r: datetime.datetime(r.randint(1, 9999), 1, 2, 3, 4, r.choice([0, 59]), r.choice([0, 12000]))]
     if depth == 4 or r.random() < 0.75:
         return r.choice(simple)(r)
     values = [plain_value(r, depth + 1) for _ in range(r.randrange(4))]
-    return r.choice([list, tuple, lambda values: {r.choice([text, number, word])(r): value for value in values}])(values)
+    as_object = lambda values: {r.choice([text, number, word])(r): value for value in values}
+    return r.choice([list, tuple, as_object])(values)
 
 
 def nested(depth):
@@ -100,8 +101,8 @@ def odd_values(asked):
     """Beside the values above: what json.dump takes by its own rules, or refuses."""
     def changed(container, act):
         """The container, whose last item does that to it."""
-        container.update(z=None) if isinstance(container, dict) else container.append(None)
-        container["z" if isinstance(container, dict) else -1] = Asked(asked, lambda: act(container) or "acted")
+        value = Asked(asked, lambda: act(container) or "acted")
+        container.update(z=value) if isinstance(container, dict) else container.append(value)
         return container
 
     text, whole, real, mute = (type("Sub", (base,), body) for base, body in (
@@ -109,16 +110,16 @@ def odd_values(asked):
     circular = [1]
     circular.append({"a": (circular,)})
     return [
-        text("é"), text("é\udfff"), "é\udfff", {"a": "\ud800"}, Asked(asked, lambda: "\ud800"), {1}, b"y", object,
-        nested(150), nested(5000), circular, {(1, 2): 3}, {text("k"): 1}, {b"k": Asked(asked)}, 10 ** 5000, whole(7),
-        mute(1.5), {whole(7): real("-inf")}, datetime.timedelta(1), decimal.Decimal("1.50"), Kind.FIRST,
+        text("é"), text("é\udfff"), "é\udfff", {"a": "\ud800"}, Asked(asked, lambda: "\ud800"), {1}, b"y",
+        nested(150), nested(5000), circular, {(1, 2): 3}, {text("k"): 1}, {b"k": Asked(asked)}, 10 ** 5000,
+        whole(7), mute(1.5), {whole(7): real("-inf")}, datetime.timedelta(1), decimal.Decimal("1.50"), Kind.FIRST,
         datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc), enum.IntEnum("Kind", "A").A,
         List(), List([1]), List([1, 2, 3]), Dict(items=[("k", 1), ["l", Asked(asked)]]), Dict(items=["k"]),
-        Dict(items=[("k", 1), (1, 2, 3)]), Dict(items=[("k", Asked(asked)), 5]), Float(2), {1.5: Float("nan")},
+        Dict(items=[("k", 1), (1, 2, 3)]), Dict(items=[("k", Asked(asked)), 5]), Float(2), [Float("nan")],
         *([Asked(asked), mock.Mock(spec=kind)] for kind in (str, int, float, list, dict)),
         {mock.Mock(spec=str): 1}, {mock.Mock(spec=float): 1}, Asked(asked, lambda: text("sub")),
         Asked(asked, lambda: None), [Asked(asked), Asked(asked, lambda: 1 / 0), Asked(asked)],
-        changed([1], list.clear), changed([1], lambda it: it.extend([2, 3])), changed([1], lambda it: it.append(it)),
+        changed([1], list.clear), changed([1], lambda it: it.append(2)), changed([1], lambda it: it.append(it)),
         changed({"a": 1}, dict.clear), changed({"a": 1}, lambda it: it.update(b=2)),
         changed({"a": 1}, lambda it: it.update(a=it)),
         changed({"a": 1}, lambda it: (it.pop("a"), it.update(b=2)) and None)]
@@ -149,7 +150,7 @@ class FastPaths(DatabaseTest):
         for name in {text(r) for _ in range(r.randint(seed % 2, 3))}:
             columns = [Column(text(r), r.choice(["number", 5]), default=plain_value(r)) for _ in range(3)]
             table = tables[name] = module.Table(name, columns)
-            table.rows = [[plain_value(r) for _ in range(r.choice([3, 3, 0, 5]))] for _ in range(r.choice([9, 90]))]
+            table.rows = [[plain_value(r) for _ in range(r.choice([3, 0, 5]))] for _ in range(r.choice([9, 90]))]
             table.rows.append([None] * 3)
             keys = r.choice([[text, number, word], [number, day], [text, lambda r: (b"k", number(r))]])
             table.indexes = {name: {r.choice(keys)(r): [1, 2] for _ in range(r.randrange(5))}}
@@ -225,7 +226,7 @@ class FastPaths(DatabaseTest):
         for where, name, stand_in in (
                 (json, "dump", lambda document, file, **_: file.write("[]")), (json, "JSONEncoder", Sorted),
                 (json.JSONEncoder, "item_separator", ","), (json.JSONEncoder, "key_separator", ":"),
-                (json.JSONEncoder, "iterencode", lambda self, document: ["{", "}"]), (json.encoder, "INFINITY", -1.0),
+                (json.JSONEncoder, "iterencode", lambda *_: ["{", "}"]), (json.encoder, "INFINITY", -1.0),
                 (json.encoder, "encode_basestring", loud(json.encoder.encode_basestring)),
                 (json.encoder, "float", Rounded),
                 (json.encoder, "_make_iterencode", lambda *_: lambda *_: ["own"])):
@@ -240,15 +241,15 @@ class FastPaths(DatabaseTest):
                 mock.patch.object(json, "load", nothing), mock.patch.object(json, "loads", nothing),
                 mock.patch.object(json, "_default_decoder", json.JSONDecoder(parse_int=str)),
                 mock.patch.object(json._default_decoder, "scan_once", scanner),
-                mock.patch.object(json.JSONDecoder, "raw_decode", lambda *_, **__: (nothing(), len(self.read().decode()))),
+                mock.patch.object(json.JSONDecoder, "raw_decode", lambda _, read, **__: (nothing(), len(read))),
                 mock.patch.object(json.JSONDecoder, "decode", nothing),
                 mock.patch.dict(json.decoder._CONSTANTS, {"NaN": None, "-Infinity": 5})):
             with patch:
                 with open(self.path, encoding="utf-8") as file:
                     expected = json.load(file)["tables"]
                 self.db.load()
-                self.assertEqual({name: (table.rows, table.indexes) for name, table in self.db.tables.items()},
-                                 {name: (table["rows"], table["indexes"]) for name, table in expected.items()})
+                self.assertEqual([(name, table.rows, table.indexes) for name, table in self.db.tables.items()],
+                                 [(name, table["rows"], table["indexes"]) for name, table in expected.items()])
         self.db.load()
         self.assertIs(self.db.tables["t"].rows[0][3], json.decoder.NaN)
 
@@ -265,7 +266,8 @@ class FastPaths(DatabaseTest):
         self.db.load()
         for name, table in self.db.tables.items():
             self.assertTrue(table.rows == tables[name]["rows"], "other rows")
-            self.assertTrue(list(map(list, table.indexes.values())) == list(map(list, indexes.values())), "other keys")
+            orders = [list(map(list, one.values())) for one in (table.indexes, indexes)]
+            self.assertTrue(orders[0] == orders[1], "another order of keys")
             self.assertTrue(table.indexes == indexes, "other ids")
 
     def test_changes_between_calls(self):
@@ -274,14 +276,13 @@ class FastPaths(DatabaseTest):
             def __get__(self, *_):
                 return "late"
 
-        def columns():
-            return self.db.tables["t"].columns
+        table, columns = lambda: self.db.tables["t"], lambda: table().columns
 
         changes = [
             lambda: setattr(columns()[0], "name", "z"), lambda: columns().reverse(), lambda: columns().pop(),
-            lambda: setattr(self.db.tables["t"], "rows", [[7, 8]]), lambda: vars(self.db.tables["t"]).pop("rows"),
-            lambda: setattr(self.db.tables["t"], "columns", tuple(columns())), lambda: setattr(self.db, "tables", {}),
-            lambda: self.db.tables["t"].indexes.clear(), lambda: setattr(self.db, "_row_to_dict", lambda *_: {"x": 1}),
+            lambda: setattr(table(), "rows", [[7, 8]]), lambda: vars(table()).pop("rows"),
+            lambda: setattr(table(), "columns", tuple(columns())), lambda: setattr(self.db, "tables", {}),
+            lambda: table().indexes.clear(), lambda: setattr(self.db, "_row_to_dict", lambda *_: {"x": 1}),
             lambda: patched(module.Table, "rows", property(lambda _: [[5, 6]])),
             lambda: (patched(module.Column, "name", Late()), self.call_all(), patched(Late, "__set__", None)),
             lambda: patched(JSONDatatable, "_row_to_dict", lambda *_: {"y": 1}),

@@ -1,4 +1,4 @@
-"""Indexes follow the rows in place, whatever the columns are called and whatever Python code does in between."""
+"""Indexes follow the rows in place, whatever the columns are called and whatever Python code does."""
 
 import contextlib
 import gc
@@ -105,7 +105,8 @@ class RowDictionaries(DatabaseTest):
         self.table(*map(optional, self.NAMES))
         self.db.tables["t"].rows = [list(row.values())] * 100
         self.assertEqual(self.db.select("t"), [row] * 100)
-        self.assertEqual(self.db.select("t", None, ["__class__", "plain"]), [{"__class__": 0, "plain": 5}] * 100)
+        found = self.db.select("t", None, ["__class__", "plain"])
+        self.assertEqual(found, [{"__class__": 0, "plain": 5}] * 100)
         gc.collect()
         for names in ([""], ["__dict__", "plain"], ["plain", "__dict__"]):
             self.db.select("t", None, names)

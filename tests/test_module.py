@@ -5,7 +5,6 @@ import ctypes
 import dataclasses
 import inspect
 import pickle
-import sys
 import types
 import unittest
 from unittest import mock
@@ -54,20 +53,6 @@ class Import(unittest.TestCase):
         for order in (f"exec(code); {other}", f"{other}; exec(code)"):
             self.assertEqual(run_python(f"code = '{ATTEMPT}'; {order}"), ["1", OTHER], order)
 
-    @unittest.skipUnless(sys.platform == "linux", "no functions to be called after the runtime's end")
-    def test_one_runtime_per_process(self):
-        self.assertEqual(run_python(f"""
-            import ctypes
-            from {NAME} import JSONDatatable
-            def last(function, text=None):
-                libc.__cxa_atexit(function, text and libc.strdup(text), None)
-            libc, runtime = ctypes.CDLL(None), ctypes.pythonapi
-            libc.strdup.restype, libc.__cxa_atexit.argtypes = ctypes.c_void_p, [ctypes.c_void_p] * 3
-            address = lambda name: ctypes.cast(getattr(runtime, name), ctypes.c_void_p)
-            last(address("PyRun_SimpleString"), b"{ATTEMPT}")
-            last(address("Py_Initialize"))
-        """), [OTHER])
-
     def test_failed_import(self):
         """It fails as the statements do that it stands for, and can be repeated."""
         for spoil in ("sys.modules['re'] = None", "del typing.Union", "del datetime.datetime",
@@ -90,26 +75,6 @@ class Import(unittest.TestCase):
                     JSONDatatable("database").tables["t"] = Column("a", "b")
                 """)
                 self.assertEqual(got, expected)
-
-    def test_replaced_date(self):
-        """What stands in for the date class at the import is not taken for it."""
-        self.assertEqual(run_python(f"""
-            import datetime, os, tempfile
-            from unittest import mock
-            class Date(datetime.date):
-                __hash__ = None
-                def __ne__(self, other):
-                    rows.clear()
-                    return True
-                __eq__ = __ne__
-            with mock.patch("datetime.date", Date):
-                from {NAME} import Column, JSONDatatable
-            db = JSONDatatable(os.path.join(tempfile.mkdtemp(), "database"))
-            db.create_table("t", [Column("n", "text", False)])
-            rows = db.tables["t"].rows
-            rows += [[Date(2000, 1, 1)] for _ in range(10)]
-            print(db.select("t", {{"n": "x"}}), rows)
-        """), ["[] []"])
 
     def test_other_version_warns(self):
         words = f"compile time Python version 3.10 of module '{NAME}' does not match runtime version 3.11"
