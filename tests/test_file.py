@@ -49,6 +49,13 @@ class Rebound(DatabaseTest):
             self.assertTrue(all(file.closed for *_, file in opened))
 
 
+class Saving(DatabaseTest):
+    def test_deleted_rows_of_rows_that_are_no_list(self):
+        self.table(optional("k")).rows = ([None], [1])
+        self.db.save()
+        self.assertEqual(json.loads(self.read())["tables"]["t"]["rows"], [[1]])
+
+
 class Loading(DatabaseTest):
     def test_error_is_passed_on_itself(self):
         self.db.save()
