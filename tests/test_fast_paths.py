@@ -16,7 +16,7 @@ import types
 import unittest
 from unittest import mock
 
-from support import Column, DatabaseTest, JSONDatatable, module, optional, unique
+from support import Column, DatabaseTest, JSONDatatable, module, optional, unique, run_python
 
 
 def plain_json():
@@ -252,6 +252,17 @@ class FastPaths(DatabaseTest):
                                  [(name, table["rows"], table["indexes"]) for name, table in expected.items()])
         self.db.load()
         self.assertIs(self.db.tables["t"].rows[0][3], json.decoder.NaN)
+
+    def test_json_replaced_before_the_import(self):
+        self.assertEqual(run_python("""
+            import json
+            dump, load = json.dump, json.load
+            json.dump = lambda *args, **names: (print("dump"), dump(*args, **names))
+            json.load = lambda *args, **names: (print("load"), load(*args, **names))[1]
+            from talvern_client.utils.json_database import JSONDatatable
+            JSONDatatable("x.json").save()
+            JSONDatatable("x.json")
+        """, self.folder), ["dump", "load"])
 
     def test_reading_many_rows(self):
         """Strings met before, and an index's keys that follow the rows or do not."""

@@ -5,6 +5,7 @@ import ctypes
 import dataclasses
 import inspect
 import pickle
+import sys
 import types
 import unittest
 from unittest import mock
@@ -53,10 +54,25 @@ class Import(unittest.TestCase):
         for order in (f"exec(code); {other}", f"{other}; exec(code)"):
             self.assertEqual(run_python(f"code = '{ATTEMPT}'; {order}"), ["1", OTHER], order)
 
+    @unittest.skipUnless(sys.platform == "linux", "no functions to be called after the runtime's end")
+    def test_one_runtime_per_process(self):
+        self.assertEqual(run_python(f"""
+            import ctypes
+            from {NAME} import JSONDatatable
+            def last(function, text=None):
+                libc.__cxa_atexit(function, text and libc.strdup(text), None)
+            libc, runtime = ctypes.CDLL(None), ctypes.pythonapi
+            libc.strdup.restype, libc.__cxa_atexit.argtypes = ctypes.c_void_p, [ctypes.c_void_p] * 3
+            address = lambda name: ctypes.cast(getattr(runtime, name), ctypes.c_void_p)
+            last(address("PyRun_SimpleString"), b"{ATTEMPT}")
+            last(address("Py_Initialize"))
+        """), [OTHER])
+
     def test_failed_import(self):
         """It fails as the statements do that it stands for, and can be repeated."""
         for spoil in ("sys.modules['re'] = None", "del typing.Union", "del datetime.datetime",
-                      "sys.modules['typing'] = types.ModuleType('other')"):
+                      "sys.modules['typing'] = types.ModuleType('other')",
+                      "sys.modules['typing'] = types.SimpleNamespace(Dict=1)"):
             with self.subTest(spoil):
                 got, expected = run_python(f"""
                     import dataclasses, datetime, json, os, re, sys, types, typing
@@ -75,6 +91,45 @@ class Import(unittest.TestCase):
                     JSONDatatable("database").tables["t"] = Column("a", "b")
                 """)
                 self.assertEqual(got, expected)
+
+    def test_changed_standard_modules(self):
+        """What stands in for a name of theirs is neither called at the import nor taken for the built-in one."""
+        self.assertEqual(run_python(f"""
+            import datetime, json, os, sys, tempfile
+            from unittest import mock
+            class Date(datetime.date):
+                __hash__ = None
+                def __ne__(self, other):
+                    rows.clear()
+                    return True
+                __eq__ = __ne__
+            class Finder:
+                def find_spec(self, name, *_):
+                    if name == "datetime":
+                        sys.meta_path.remove(self)
+                        raise KeyboardInterrupt
+            kept = sys.modules.pop("datetime")
+            sys.meta_path.insert(0, Finder())
+            try:
+                import {NAME}
+            except KeyboardInterrupt:
+                print("interrupted")
+            sys.modules["datetime"] = kept
+            sys.modules.pop("{NAME}", None)
+            with mock.patch("datetime.date", Date), mock.patch("json.loads", None):
+                from {NAME} import Column, JSONDatatable
+            os.chdir(tempfile.mkdtemp())
+            db = JSONDatatable("database")
+            db.create_table("t", [Column("n", "text", False)])
+            rows = db.tables["t"].rows
+            rows += [[float("nan")], [Date(2000, 1, 1)], [Date(2000, 1, 1)]]
+            db.save()
+            db.load()
+            print(db.tables["t"].rows[0][0] is json.decoder.NaN)
+            rows = db.tables["t"].rows
+            rows += [[Date(2000, 1, 1)] for _ in range(10)]
+            print(db.select("t", {{"n": "x"}}), rows)
+        """), ["interrupted", "True", "[] []"])
 
     def test_other_version_warns(self):
         words = f"compile time Python version 3.10 of module '{NAME}' does not match runtime version 3.11"
