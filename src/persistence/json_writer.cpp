@@ -401,8 +401,8 @@ private:
         } else {
             const Ref items = call_method(object, names::items);
             for (const Ref& item : Iteration(items)) {
-                const auto [key, value] = unpack_pair(item);
-                write_member(key, value);
+                const std::pair<Ref, Ref> member = unpack_pair(item);
+                write_member(member.first, member.second);
             }
         }
         out_.add("}");
