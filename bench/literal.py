@@ -88,7 +88,7 @@ class JSONDatatable:
                     if not re.match(column.validation_pattern, value):
                         raise ValueError(f"Value for column '{column.name}' doesn't match validation pattern")
             validated[column.name] = value
-            if column.unique and value is not None:
+            if value is not None and column.unique:
                 for row in table.rows:
                     if all(stored is None for stored in row):
                         continue

@@ -23,7 +23,7 @@ public:
         std::swap(object_, other.object_);
         return *this;
     }
-    ~Ref() { drop(object_); }  // NOLINT(clang-analyzer-core.CallAndMessage): it loses sight of a pair's members
+    ~Ref() { drop(object_); }
 
     // Takes over the new reference that a call of the C API returned; PythonError where it is null.
     static Ref steal(PyObject* object) {
