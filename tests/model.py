@@ -153,20 +153,23 @@ class JSONDatatable(literal.JSONDatatable):
         return row_dict
 
     def save(self):
-        written, refusal = io.StringIO(), None
+        written, there = io.StringIO(), os.listdir()
+
+        def opened(path, *_, **__):
+            """The file can be opened for writing, or its error comes before those of the document."""
+            open(path, "ab").close()
+            return contextlib.nullcontext(written)
+
         try:
-            with mock.patch.object(literal, "open", lambda *_, **__: contextlib.nullcontext(written), create=True):
+            with mock.patch.object(literal, "open", opened, create=True):
                 super().save()
             content = written.getvalue().encode()
-        except Exception as error:
-            refusal = error
-        with open(self.filename, "ab" if refusal else "wb") as file:  # its error comes first
-            if not refusal:
-                file.write(content)
-        if refusal:
-            if not os.path.getsize(self.filename):
-                os.remove(self.filename)
-            raise refusal
+        except Exception:
+            for name in set(os.listdir()) - set(there):
+                os.remove(name)
+            raise
+        with open(self.filename, "wb") as file:
+            file.write(content)
 
     def _written_table(self, table):
         written = super()._written_table(table)
