@@ -48,11 +48,14 @@ class Documents(unittest.TestCase):
         self.assertEqual(comparable(written), comparable(read))
 
     def run_console_block(self, text):
+        # Not the sanitizers' settings: the tools are no part of the test.
+        kept = ("PATH", "LD_LIBRARY_PATH")
+        environment = {"PATH": os.defpath, **{name: os.environ[name] for name in kept if name in os.environ}}
         for command, output in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", text, re.MULTILINE):
             if not shutil.which(command.split()[0]):
                 self.skipTest(f"{command.split()[0]} is not installed")
             done = subprocess.run(command, shell=True, capture_output=True, text=True, timeout=60,
-                                  env={"PATH": os.environ.get("PATH", os.defpath)})
+                                  env=environment)
             self.assertEqual(lines(done.stdout + done.stderr), lines(output))
 
     def test_blocks(self):
