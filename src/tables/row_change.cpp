@@ -90,8 +90,11 @@ void take_off(PyObject* rows, PyObject* row) {
 
 void make_pending_marks() {
     while (!pending_marks().empty()) {
-        mark_indexes(pending_marks().back());
-        pending_marks().pop_back();
+        const Ref table = std::move(pending_marks().back());
+        pending_marks().pop_back();  // before Python code may run and make the marks itself
+        if (succeeds([&] { mark_indexes(table); })) continue;
+        pending_marks().push_back(table);
+        throw PythonError{};
     }
 }
 
