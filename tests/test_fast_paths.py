@@ -313,6 +313,23 @@ class FastPaths(DatabaseTest):
                 self.db = copy.deepcopy(self.db)  # with records of its own, of which nothing is remembered
                 self.assertEqual(fast, self.call_all())
 
+    def test_value_that_is_gone_within_a_scan(self):
+        """A condition's value that the scan is the last to hold changes the table when it goes."""
+        class Last:
+            def __ne__(self, other):
+                wanted["a"] = 5
+                return True
+
+            def __del__(self):
+                columns[0].name = "z"
+                db.get_row("t", 0)
+
+        self.table(Column("a", "text", False), Column("b", "text", False))
+        db, columns, table = self.db, self.db.tables["t"].columns, self.db.tables["t"]
+        table.rows = [[number, "x"] for number in range(200)]
+        wanted = {"a": Last(), "b": "x"}
+        self.assertEqual(db.select("t", wanted), [])
+
     def test_change_of_one_object(self):
         """What is remembered of one object says nothing of another of its class."""
         self.table(Column("a", "number"), rows=[(1,)])

@@ -206,8 +206,10 @@ Ref select_scanned(const Query& query, PyObject* limit) {
     Results results(limit);
     std::optional<ScanPlan> plan;
     const auto scan = [&](PyObject* rows, Py_ssize_t start, Py_ssize_t end) {
+        // What an old plan drops may run a finalizer: before anything is borrowed for a new one.
+        if (plan && !plan->is_current(query)) plan.reset();
         const CollectorPaused paused;  // a finalizer could change rows, table or plan
-        if (!plan || !plan->is_current(query)) plan = ScanPlan::make(query);
+        if (!plan) plan = ScanPlan::make(query);
         return plan ? plan->run(rows, start, end, results) : start;
     };
     const Ref rows = get_attribute(query.table, names::rows);
