@@ -1,12 +1,10 @@
-"""Faults made to happen one after the other, and what each may leave behind.
+"""Faults made to happen one after the other, and what each may leave behind."""
 
-A test hands a function to `in_child`, which runs it in a process of its own, in an empty folder. It counts its
-cases there and may crash. A fault is armed before one call and disarmed after it.
-"""
-
+import collections
 import contextlib
 import ctypes
 import errno
+import faulthandler
 import itertools
 import os
 import shutil
@@ -15,7 +13,6 @@ import struct
 import subprocess
 import sys
 import tempfile
-import traceback
 import unittest
 
 import model
@@ -34,72 +31,43 @@ PATH = "database.json"
 
 class FaultTest(unittest.TestCase):
     def in_child(self, function, *arguments, least=1, through=()):
-        """Fails unless the function tries at least so many cases, and each of them ends as it must."""
-        call = f"{function.__name__}, *{arguments}"
+        """Runs the test in a process and an empty folder of its own, where it has to try so many cases."""
+        if "JSON_DATABASE_CHILD" in os.environ:
+            self.assertEqual(bool(library), bool(LIBRARY), f"not loaded: {os.environ.get('LD_PRELOAD')}")
+            faulthandler.dump_traceback_later(800 if LONG else 250, exit=True)
+            cases = Cases(self)
+            function(cases, *arguments)
+            self.assertGreaterEqual(cases.count, least)
+            return
+        environment = {**os.environ, "JSON_DATABASE_CHILD": "1",
+                       "PYTHONPATH": os.pathsep.join(map(os.path.abspath, sys.path))}
         with tempfile.TemporaryDirectory(dir=BASE) as folder:
-            data, output, errors = (os.path.join(folder, name) for name in ("data", "output", "errors"))
-            os.mkdir(data)
-            code = f"import fault_support as s, {function.__module__} as t; s.run_cases({least}, t.{call})"
-            with open(output, "wb") as output_file, open(errors, "wb") as errors_file:
-                child = subprocess.Popen(
-                    [*through, sys.executable, "-X", "dev", "-c", code], cwd=data,
-                    env=child_environment(folder), stdin=subprocess.DEVNULL,
-                    stdout=output_file, stderr=errors_file)
-                status = self.wait(child, call, errors)
-            printed, told = read(output).decode(errors="replace"), read(errors).decode(errors="replace")
-        if status or not printed:
-            self.fail(f"{call}: exit status {status}\n{printed[:8000]}{told[-6000:]}")
-        print(f"{call}: {printed.strip()}", file=sys.stderr)
-
-    def wait(self, child, call, errors):
-        """The child's exit status. Now and then prints the case that it has come to."""
-        for _ in range(40):
-            try:
-                return child.wait(10)
-            except subprocess.TimeoutExpired:
-                case = b"".join(read(errors).splitlines()[-1:])[:80].decode(errors="replace")
-                print(f"{call}: at {case}", file=sys.stderr, flush=True)
-        child.kill()
-        return child.wait()
-
-
-def child_environment(folder):
-    """This process's environment, plus the fault library, preloaded."""
-    environment = {**os.environ, "PYTHONPATH": os.pathsep.join(map(os.path.abspath, sys.path))}
-    if LIBRARY:
-        # By way of a link, since the list is split at spaces and colons.
-        link = os.path.join(folder, "faults.so")
-        os.symlink(LIBRARY, link)
-        environment["LD_PRELOAD"] = ":".join(filter(None, (os.environ.get("LD_PRELOAD"), link)))
-    return environment
+            os.mkdir(f"{folder}/data")
+            if LIBRARY:
+                # By way of a link, since the list is split at spaces and colons.
+                os.symlink(LIBRARY, f"{folder}/faults.so")
+                environment["LD_PRELOAD"] = f"{os.environ.get('LD_PRELOAD', '')}:{folder}/faults.so"
+            child = subprocess.run(
+                [*through, sys.executable, "-X", "dev", "-m", "unittest", self.id()], cwd=f"{folder}/data",
+                env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace")
+        self.assertEqual((child.stderr.splitlines()[-1], child.returncode), ("OK", 0), child.stderr[-9000:])
 
 
 class Cases:
-    """Counts the cases, names each where it can be read after a crash, collects what failed."""
+    """The child's test. A call of it begins a case, whose name can be read after a crash."""
 
-    def __init__(self):
-        self.count, self.faults = 0, []
+    def __init__(self, test):
+        self.test, self.count = test, 0
+
+    def __getattr__(self, name):
+        return getattr(self.test, name)
 
     @contextlib.contextmanager
     def __call__(self, *label):
         self.count += 1
-        text = " ".join(map(str, label))
-        os.write(sys.__stderr__.fileno(), f"{text}\n".encode(errors="replace"))
-        try:
+        print(*label, file=sys.stderr, flush=True)
+        with self.test.subTest(" ".join(map(str, label))):
             yield
-        except BaseException as error:
-            where = "".join(traceback.format_tb(error.__traceback__)[-1:])
-            self.faults.append(f"{text}: {error!r:.2000}\n{where}")
-
-
-def run_cases(least, function, *arguments):
-    if LIBRARY and not library:
-        sys.exit(f"the fault library is not loaded: LD_PRELOAD={os.environ['LD_PRELOAD']}")
-    cases = Cases()
-    with contextlib.redirect_stdout(sys.stderr):
-        function(cases, *arguments)
-    print(f"{cases.count} cases of at least {least}, {len(cases.faults)} faults", *cases.faults, sep="\n")
-    sys.exit(cases.count < least or bool(cases.faults))
 
 
 # ---- One database, one call of every kind on it --------------------------------------------------
@@ -149,7 +117,7 @@ OPERATIONS = {
     "display_table": lambda db, x=3: db.display_table("t", x),
 }
 WRITING = ("create_table", "insert", "update", "clear_table", "delete", "save")
-# A failure half way leaves part of the change in memory: what is there must agree, or is the next build's matter.
+# A failure half way leaves part of the change in memory: what is there must agree, or be built anew.
 PARTIAL = ("clear_table", "load", "create_table", "_build_indexes")
 
 
@@ -169,22 +137,21 @@ def memory(db, show=lambda value: value):
 
 def disagreement(db):
     """What rows and indexes say differently."""
+    def same(value):
+        return value if type(value) in (str, int) else id(value)
+
     settle(db)
     for table in db.tables.values():
-        live = {row_id: row for row_id, row in enumerate(table.rows) if set(map(id, row)) - {id(None)}}
+        live = [(row_id, row) for row_id, row in enumerate(table.rows) if set(map(id, row)) - {id(None)}]
         for position, column in enumerate(table.columns):
-            if column.name not in table.indexes:
+            index = table.indexes.get(column.name)
+            if index is None:
                 continue
-            index = table.indexes[column.name]
             # An empty list, which no index may hold, counts as that of no row.
-            listed = [(row_id, value) for value, ids in index.items() for row_id in ids or [-1]]
-            if sorted(row_id for row_id, _ in listed) != list(live):
-                return f"{column.name}: lists {listed}, live are {list(live)}"
-            for row_id, value in listed:
-                held = live[row_id][position]
-                comparable = type(held) is type(value) in (str, int)
-                if held is not value and not (comparable and held == value):
-                    return f"{column.name}: row {row_id} under another value"
+            listed = sorted((row_id, same(value)) for value, ids in index.items() for row_id in ids or [-1])
+            held = [(row_id, same(row[position])) for row_id, row in live]
+            if listed != held:
+                return f"{column.name}: lists {listed}, live are {held}"
     return None
 
 
@@ -216,21 +183,20 @@ LISTED = access_list(("owner", 6), ("user", 4, 1), ("owning group", 0), ("mask",
 
 
 def can_list():
-    with tempfile.NamedTemporaryFile(dir=BASE) as file:
-        try:
-            os.setxattr(file.fileno(), ACCESS, LISTED)
-        except OSError:
-            return False
-    return True
+    with contextlib.suppress(OSError), tempfile.NamedTemporaryFile(dir=BASE) as file:
+        os.setxattr(file.fileno(), ACCESS, LISTED)
+        return True
+    return False
 
 
 CAN_LIST = can_list()
+# What the system may have no call for, and how it says so.
+LACKING = {"unnamed": errno.EOPNOTSUPP, "linkat": errno.ENOENT, "fsync-folder": errno.EINVAL}
 # What lies there before, or which call the system lacks.
-SHAPES = ("plain", "missing", "link", "private", "unnamed", "linkat", *["listed"] * CAN_LIST,
-          *["owned"] * (os.getuid() == 0))
+SHAPES = ["plain", "missing", "link", *LACKING, *["listed"] * CAN_LIST, *["owned"] * (os.getuid() == 0)]
 
 
-def lack(calls="", error=errno.EOPNOTSUPP):
+def lack(calls="", error=0):
     """From now on the system answers these calls with the error; without calls it has them all."""
     library.fault_lack(calls.encode(), error)
 
@@ -238,7 +204,7 @@ def lack(calls="", error=errno.EOPNOTSUPP):
 def reset(content, shape="plain"):
     """Empties the folder and puts a file of the given shape there."""
     if library:
-        lack(shape if shape in ("unnamed", "linkat") else "")
+        lack(*[shape, LACKING[shape]] if shape in LACKING else [])
     for entry in os.scandir():
         shutil.rmtree(entry) if entry.is_dir(follow_symlinks=False) else os.unlink(entry)
     os.mkdir("sub")
@@ -247,7 +213,7 @@ def reset(content, shape="plain"):
     if shape != "missing":
         with open(PATH, "wb") as file:
             file.write(content)
-        os.chmod(PATH, 0o600 if shape == "private" else 0o640)
+        os.chmod(PATH, 0o640)
     if shape == "owned":
         os.chown(PATH, 1, 2)
     if shape == "listed":
@@ -261,10 +227,31 @@ def dumped(db):
     return saved(plain)
 
 
+State = collections.namedtuple("State", "memory file listing mode")
+
+
+def state(db):
+    mode = stat.S_IMODE(os.stat(PATH).st_mode) if os.path.exists(PATH) else 0
+    return State(memory(db), read(), listing(), mode)
+
+
+def old_and_new(name, shape="plain"):
+    """A good file's text, the states before and after an undisturbed operation, and what that gives."""
+    reset(b"")
+    content = saved(fresh())
+    reset(content, shape)
+    db = fresh()
+    old = state(db)
+    result, error = outcome(OPERATIONS[name], db)
+    if isinstance(error, OSError):
+        raise error
+    return content, old, state(db), result
+
+
 # ---- Faults --------------------------------------------------------------------------------------
 
 class Fault:
-    """`arm` and `disarm` run around a call. Then an error may be explained, or the fault have been overcome."""
+    """`arm` and `disarm` run around a call. Then it may explain an error, or may have been overcome."""
 
     names = ()
 
@@ -283,15 +270,12 @@ class Fault:
 
 def outcome(function, *arguments, fault=Fault(), show=repr):
     """What a call gives, comparable; plus the error itself. An armed fault may leave no memory for more."""
-    error = None
     try:
         fault.arm()
         result = function(*arguments)
         fault.disarm()
-    except BaseException as caught:
+    except BaseException as error:
         fault.disarm()
-        error = caught
-    if error is not None:
         error.__traceback__ = error.__context__ = None
         return (type(error), error.args), error
     return ("returned", show(vars(result) if isinstance(result, JSONDatatable) else result)), None
@@ -311,88 +295,75 @@ class NoMemory(Fault):
 library = ctypes.CDLL(None) if hasattr(ctypes.CDLL(None), "fault_arm") else None
 if library:
     library.fault_names.restype = ctypes.c_char_p
-FAIL, SHORTEN, INTERRUPT, KILL_BEFORE, KILL_AFTER, NO_MALLOC, PREDICT = range(1, 8)
+FAIL, SHORTEN, KILL, NO_MALLOC = range(1, 5)
+
+
+# What a save does without, and what it does without where that is not granted: rights are narrowed then.
+# Nothing was written through a descriptor that is merely released.
+DISPENSABLE = {"release", "unnamed", "faccessat", "getrandom", "getxattr", "fgetxattr", "sync_file_range"}
+DISPENSABLE_RIGHTS = {"fchown", "fchmod", "fsetxattr", "fremovexattr", "linkat"}
 
 
 class SystemFault(Fault):
     """The calls of the preloaded library from `first` to `last` go the planned way."""
 
     def __init__(self, action, first=0, last=None, error=0):
-        self.plan = action, first, first if last is None else last, error
+        self.action, self.first, self.last, self.error = action, first, last or first, error
 
     def arm(self):
-        library.fault_arm(*self.plan)
+        library.fault_arm(self.action, self.first, self.last, self.error)
 
     def disarm(self):
-        seen = library.fault_disarm()
+        self.hit = library.fault_disarm() >= self.first
         self.names = library.fault_names().decode().split()
-        self.hit = seen >= self.plan[1]
 
     def explains(self, error):
-        action, _, _, number = self.plan
-        if action == NO_MALLOC:
+        if self.action == NO_MALLOC:
             return super().explains(error)
-        failed = isinstance(error, OSError) and (error.errno, error.filename) == (number, PATH)
+        failed = isinstance(error, OSError) and (error.errno, error.filename) == (self.error, PATH)
         return failed and not self.overcome()
 
     def overcome(self):
-        action, first, _, number = self.plan
-        if action != FAIL or not self.hit:
+        if self.action != FAIL or self.error == errno.EINTR or not self.hit:
             return True
-        call, later = self.names[first - 1], self.names[first:]
-        # Nothing was written through a descriptor that is merely released; a save may begin anew, or try another name.
-        return (call in DISPENSABLE or number == errno.EPERM and call in DISPENSABLE_RIGHTS or "fstatat" in later
-                or number == errno.EEXIST and call in ("openat", "linkat") and "getrandom" in later)
+        call, later = self.names[self.first - 1], self.names[self.first:]
+        if self.error == errno.EPERM and call in DISPENSABLE_RIGHTS:
+            return True
+        if self.error == errno.EEXIST and call in ("new", "linkat"):
+            return True  # another name is tried
+        return call in DISPENSABLE or "fstatat" in later  # the save begins anew
 
 
-# What a save does without, and what it does without where that is not granted: rights are narrowed then.
-DISPENSABLE = {"release", "unnamed", "faccessat", "getrandom", "getxattr", "fgetxattr", "sync_file_range"}
-DISPENSABLE_RIGHTS = {"fchown", "fchmod", "fsetxattr", "fremovexattr", "linkat"}
-
-
-def judge(db, name, fault, got, error, before, after):
-    """A call under a fault must end as it may: with memory and file wholly the old or the new ones."""
-    (old_memory, old_file, old_listing, old_mode), (expected, new_memory, new_file, new_listing) = before, after
-    if got == expected:
-        assert fault.overcome(), "a failure was passed over"
+def judge(cases, name, db, fault, got, error, old, new, undisturbed):
+    """The operation must end as it may under the fault, memory and file wholly the old or the new ones."""
+    now, possible = state(db), [old, new]
+    if got == undisturbed:
+        possible = [new]
+        cases.assertTrue(fault.overcome(), "a failure was passed over")
     else:
-        assert fault.explains(error), f"ended as {got!s:.500}"
-    assert "shared" not in fault.names, "the new file is not created exclusively"
-    assert "locked" not in fault.names, "other threads wait for the disk"
-    content = read()
-    assert content in (old_file, new_file), f"file holds {content[:300]}"
-    assert not old_mode or stat.S_IMODE(os.stat(PATH).st_mode) & ~old_mode == 0, oct(os.stat(PATH).st_mode)
-    if got == expected:
-        assert (memory(db), content) == (new_memory, new_file), f"half done: {memory(db)!s:.500}"
-    elif name not in PARTIAL:
-        assert memory(db) in (old_memory, new_memory), f"memory holds {memory(db)!s:.500}"
-    assert listing() == (old_listing if content == old_file else new_listing), f"left behind: {listing()}"
+        cases.assertTrue(fault.explains(error), f"ended as {got!s:.500}")
+    if got == undisturbed or name not in PARTIAL:
+        cases.assertIn(now.memory, [one.memory for one in possible])
+    cases.assertIn((now.listing, now.file), [(one.listing, one.file) for one in possible])
+    allowed = old.mode or new.mode
+    cases.assertEqual(oct(now.mode | allowed), oct(allowed))
+    cases.assertNotIn("shared", fault.names, "the new file is not created exclusively")
+    cases.assertNotIn("locked", fault.names, "other threads wait for the disk")
     if name not in PARTIAL or name == "clear_table":
-        assert not disagreement(db), disagreement(db)
-    assert saved(db) == dumped(db), "what a later save wrote differs"
-
-
-def old_and_new(name, shape):
-    """The good file's text, then what there is before and after an undisturbed operation."""
-    reset(b"")
-    content = saved(fresh())
-    reset(content, shape)
-    before = memory(fresh()), read(), listing(), os.path.exists(PATH) and stat.S_IMODE(os.stat(PATH).st_mode)
-    undisturbed = fresh()
-    expected, _ = outcome(OPERATIONS[name], undisturbed)
-    return content, before, (expected, memory(undisturbed), read(), listing())
+        cases.assertIsNone(disagreement(db))
+    cases.assertEqual(saved(db), dumped(db))
 
 
 def sweep(cases, name, faults, stride=1, shape="plain"):
     """Makes one operation meet `faults(n)` for n = 0, 1, 2 ... until the first of them no longer matters."""
-    content, before, after = old_and_new(name, shape)
+    content, *expected = old_and_new(name, shape)
     for number in itertools.count(0, stride):
         for position, fault in enumerate(faults(number)):
             reset(content, shape)
             db, descriptors = fresh(), os.listdir("/proc/self/fd")
             with cases(name, shape, number, position):
                 got, error = outcome(OPERATIONS[name], db, fault=fault)
-                assert os.listdir("/proc/self/fd") == descriptors, "a descriptor is left open"
-                judge(db, name, fault, got, error, before, after)
-            if position == 0 and not getattr(fault, "hit", got != after[0]):
+                cases.assertEqual(os.listdir("/proc/self/fd"), descriptors)
+                judge(cases, name, db, fault, got, error, *expected)
+            if position == 0 and not getattr(fault, "hit", got != expected[-1]):
                 return
