@@ -10,7 +10,6 @@ import unittest
 from fault_support import (
     FAIL, KILL, LIBRARY, LONG, OPERATIONS, PATH, SHAPES, SHORTEN,
     WRITING, FaultTest, SystemFault, fresh, listing, old_and_new, outcome, read, reset, saved, sweep)
-from support import JSONDatatable
 
 
 def plans(names):
@@ -78,7 +77,6 @@ def kills(cases, names):
                     cases.assertEqual(oct(mode | allowed), oct(allowed))
                     if old.file and mode & 0o077:
                         cases.assertEqual(os.stat(path)[4:6], os.stat(PATH)[4:6], "owner and group")
-                JSONDatatable(PATH)
                 cases.assertEqual(saved(fresh()), content)
                 cases.assertEqual(listing(), sorted({*old.listing, f"./{PATH}", *left}))
         if shape not in ("missing", "unnamed", "linkat"):

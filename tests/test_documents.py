@@ -14,7 +14,6 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DOCUMENTS = {path: path.read_text() for path in [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]}
-PERHAPS_MISSING = {"pandas", "duckdb"}
 
 
 def blocks(document):
@@ -29,12 +28,11 @@ class Documents(unittest.TestCase):
     # It runs in a folder and a namespace that it shares with its document's other blocks. What it prints is
     # the `text` or `json` block that follows it, or nothing.
     def run_python_block(self, code, names, shown_as, shown):
-        printed = io.StringIO()
         try:
-            with contextlib.redirect_stdout(printed):
+            with contextlib.redirect_stdout(io.StringIO()) as printed:
                 exec(compile(code, "<document>", "exec"), names)
         except ModuleNotFoundError as error:
-            if error.name in PERHAPS_MISSING:
+            if error.name in ("pandas", "duckdb"):
                 self.skipTest(f"{error.name} is not installed")
             raise
         if shown_as == "json":
@@ -65,7 +63,6 @@ class Documents(unittest.TestCase):
                             self.run_python_block(text, names, *following)
                         elif language == "console":
                             self.run_console_block(text)
-                os.chdir(ROOT)
 
     def test_readme_shows_the_example(self):
         (_, shown), *_ = blocks(DOCUMENTS[ROOT / "README.md"])
