@@ -1,8 +1,7 @@
 """What the module is checked against: the plain program of bench/literal.py and what the module does besides.
 
-`JSONDatatable` undoes changes that fail half way, rebuilds marked indexes, writes keys that JSON has no form for as
-strings, and nothing of a document that is refused. `Checked` is the same behind the module's argument checks; only
-that one refuses what the module refuses.
+It checks the types of arguments, undoes changes that fail half way, rebuilds marked indexes, writes keys that JSON has
+no form for as strings, and nothing of a document that is refused.
 """
 
 import contextlib
@@ -10,7 +9,6 @@ import functools
 import inspect
 import io
 import operator
-import os
 import re
 from unittest import mock
 
@@ -69,18 +67,12 @@ def rebuild_marked_indexes(table):
     del vars(table)[TO_REBUILD]
 
 
-def is_json_key(value):
-    return value is None or isinstance(value, (str, int, float))
-
-
 def with_json_keys(column_index):
     """The index, with the keys that JSON has no form for as their strings; ids of equal keys follow each other."""
-    if not isinstance(column_index, dict) or all(map(is_json_key, column_index)):
-        return column_index
     written = {}
     for value, ids in column_index.items():
-        key = value if is_json_key(value) else str(value)
-        written[key] = written.get(key, []) + ids
+        key = value if value is None or isinstance(value, (str, int, float)) else str(value)
+        written[key] = written[key] + ids if key in written else ids
     return written
 
 
@@ -92,7 +84,8 @@ class JSONDatatable(literal.JSONDatatable):
 
     def _replace_row(self, table, row_id, new_data):
         rebuild_marked_indexes(table)
-        with undone_on_failure(self, table, functools.partial(operator.setitem, table.rows, row_id, table.rows[row_id])):
+        put_back = functools.partial(operator.setitem, table.rows, row_id, table.rows[row_id])
+        with undone_on_failure(self, table, put_back):
             super()._replace_row(table, row_id, new_data)
 
     def clear_table(self, table_name):
@@ -111,9 +104,9 @@ class JSONDatatable(literal.JSONDatatable):
                 del index[value]
 
         self.undo_steps.append(self.undo_row)
-        for idx, column in enumerate(table.columns):
+        for column, value in zip(table.columns, row):
             if column.name in table.indexes:
-                index, value = table.indexes[column.name], row[idx]
+                index = table.indexes[column.name]
                 is_new = value not in index
                 if is_new:
                     index[value] = []
@@ -126,9 +119,9 @@ class JSONDatatable(literal.JSONDatatable):
                 ids = index.setdefault(value, ids)
             ids.insert(position, row_id)
 
-        for idx, column in enumerate(table.columns):
+        for position, column in enumerate(table.columns):
             if column.name in table.indexes:
-                index, value = table.indexes[column.name], row[idx]
+                index, value = table.indexes[column.name], row[position]
                 if value in index and row_id in index[value]:
                     ids = index[value]
                     self.undo_steps.append(functools.partial(undo, index, value, ids, ids.index(row_id)))
@@ -153,28 +146,19 @@ class JSONDatatable(literal.JSONDatatable):
         return row_dict
 
     def save(self):
-        written, there = io.StringIO(), os.listdir()
-
-        def opened(path, *_, **__):
-            """The file can be opened for writing, or its error comes before those of the document."""
-            open(path, "ab").close()
-            return contextlib.nullcontext(written)
-
-        try:
-            with mock.patch.object(literal, "open", opened, create=True):
-                super().save()
-            content = written.getvalue().encode()
-        except Exception:
-            for name in set(os.listdir()) - set(there):
-                os.remove(name)
-            raise
+        written = io.StringIO()
+        in_memory = lambda *_, **__: contextlib.nullcontext(written)
+        with mock.patch.object(literal, "open", in_memory, create=True):
+            super().save()
+        content = written.getvalue().encode()
         with open(self.filename, "wb") as file:
             file.write(content)
 
     def _written_table(self, table):
         written = super()._written_table(table)
         if isinstance(table.indexes, dict):
-            written["indexes"] = {name: with_json_keys(index) for name, index in table.indexes.items()}
+            written["indexes"] = {name: with_json_keys(index) if isinstance(index, dict) else index
+                                  for name, index in table.indexes.items()}
         return written
 
     def _read_table(self, table):
@@ -186,9 +170,8 @@ class JSONDatatable(literal.JSONDatatable):
 BUILT_IN = {"str": str, "int": int, "Dict": dict, "List": list}
 
 
-def with_argument_checks(name):
+def with_argument_checks(declared, method):
     """The method behind exact-type tests, as its annotations ask for them."""
-    declared, method = getattr(literal.JSONDatatable, name), getattr(JSONDatatable, name)
     signature = inspect.signature(declared)
     kinds = {name: re.match(r"(?:(Optional)\[)?(\w+)", text).groups()
              for name, text in declared.__annotations__.items() if name != "return"}
@@ -206,8 +189,7 @@ def with_argument_checks(name):
     return checked
 
 
-METHODS = [name for name, value in vars(literal.JSONDatatable).items() if callable(value)]
-
-Checked = type("JSONDatatable", (JSONDatatable,), {
-    "__qualname__": "Checked", "__module__": __name__,
-    **{name: with_argument_checks(name) for name in METHODS}})
+for name, declared in vars(literal.JSONDatatable).items():
+    if callable(declared):
+        setattr(JSONDatatable, name, with_argument_checks(declared, getattr(JSONDatatable, name)))
+Checked = JSONDatatable
