@@ -9,8 +9,7 @@ import traceback
 import unittest
 
 from fault_support import (
-    LONG, OPERATIONS, PARTIAL, PATH, FaultTest, disagreement, fresh, listing, memory, outcome, read,
-    reset, saved)
+    LONG, OPERATIONS, PARTIAL, PATH, FaultTest, disagreement, fresh, listing, memory, outcome, read, reset, saved)
 from support import JSONDatatable, module
 
 
@@ -24,9 +23,10 @@ class Script:
     def answer(self, right_answer):
         self.calls += 1
         # Not for ever: rows that grow at every step of a walk would make any walk endless.
-        if self.calls_before < self.calls <= self.calls_before + 50 and not self.acting:
-            if self.action in ODD_ANSWERS:
-                return ODD_ANSWERS[self.action]
+        due = self.calls_before < self.calls <= self.calls_before + 50 and not self.acting
+        if due and self.action in ODD_ANSWERS:
+            return ODD_ANSWERS[self.action]
+        if due:
             self.acting = True
             try:
                 ACTIONS[self.action](self.db)
@@ -38,18 +38,18 @@ class Script:
 script = Script()
 
 
-def misbehave(kind):
-    raise kind("misbehaved")
-
-
 def table(db):
     return db.tables["t"]
 
 
+def interrupt(db):
+    raise KeyboardInterrupt
+
+
 ODD_ANSWERS = {repr(odd)[:6]: odd for odd in (None, [], -1, 10 ** 30, "odd", NotImplemented)}
 ACTIONS = {
-    "raise": lambda db: misbehave(ZeroDivisionError),
-    "interrupt": lambda db: misbehave(KeyboardInterrupt),
+    "raise": lambda db: 1 / 0,
+    "interrupt": interrupt,
     "clear rows": lambda db: table(db).rows.clear(),
     "shorten rows": lambda db: [row.clear() for row in table(db).rows],
     "grow rows": lambda db: table(db).rows.insert(0, ["grown"] * 3),
@@ -65,14 +65,6 @@ ACTIONS = {
 }
 
 
-class HostilePath:
-    pass
-
-
-class Hostile(HostilePath):
-    """Not for a file name: a number would be a descriptor."""
-
-
 RIGHT_ANSWERS = {
     "__eq__": lambda self, other: self is other, "__ne__": lambda self, other: self is not other,
     "__hash__": lambda self: hash("new"), "__str__": lambda self: "text", "__repr__": lambda self: "text",
@@ -83,19 +75,22 @@ RIGHT_ANSWERS = {
     "__getattr__": lambda self, name: getattr(table(script.db), name),
     "__setitem__": lambda self, *_: None, "__delitem__": lambda self, _: None}
 
-for special, right in RIGHT_ANSWERS.items():
-    def method(self, *args, right=right):
-        return script.answer(lambda: right(self, *args))
-    setattr(Hostile if special in ("__int__", "__index__", "__float__") else HostilePath, special, method)
+
+
+def asking(right):
+    return lambda self, *args: script.answer(lambda: right(self, *args))
+
+
+Hostile = type("Hostile", (), {special: asking(right) for special, right in RIGHT_ANSWERS.items()})
+# For a file name: a number would be a descriptor.
+HostilePath = type("HostilePath", (), {special: asking(right) for special, right in RIGHT_ANSWERS.items()
+                                       if special not in ("__int__", "__index__", "__float__")})
 
 
 class Spelt(str):
     """An attribute's name that has a say in its look-up."""
-
     __hash__ = str.__hash__
-
-    def __eq__(self, other):
-        return script.answer(lambda: str.__eq__(self, other))
+    __eq__ = asking(str.__eq__)
 
 
 def respell(record, name):
@@ -116,10 +111,8 @@ PLACES = {
         "name", "data_type", "required", "unique", "default", "validation_pattern")},
     **{f"the table's {field}": lambda db, field=field: setattr(table(db), field, Hostile()) for field in (
         "name", "columns", "rows", "indexes")},
-    **{f"respelt {name}": lambda db, name=name: respell(table(db).columns[1], name)
-       for name in ("name", "unique")},
-    **{f"respelt {name}": lambda db, name=name: respell(table(db), name)
-       for name in ("columns", "rows", "indexes")},
+    **{f"respelt {name}": lambda db, name=name: respell(table(db), name) for name in ("columns", "rows", "indexes")},
+    "respelt name": lambda db: respell(table(db).columns[1], "name"),
     "respelt tables": lambda db: respell(db, "tables"),
     "filename": lambda db: setattr(db, "filename", HostilePath()),
     "tables": lambda db: setattr(db, "tables", Hostile()),
@@ -130,51 +123,50 @@ PLACES = {
 }
 
 
-# What a call within the operation changes stays, and rows and indexes must agree all the same.
-NESTED = [("argument", action) for action in ("insert", "update", "save", "clear_table")]
-
-
 def combinations(share):
     """Some of the places, operations and actions that go together, always the same ones."""
     chosen = random.Random(4)
     for place, name, action in itertools.product(PLACES, OPERATIONS, (*ODD_ANSWERS, *ACTIONS)):
         possible = place != "argument" or "x" in OPERATIONS[name].__code__.co_varnames
-        often = 0.5 if place == "keys" and action in ("raise", "clear indexes") else share
-        if possible and chosen.random() <= max(share, often):
+        often = place == "keys" and action in ("raise", "clear indexes")
+        if possible and chosen.random() <= max(share, 0.5 * often):
             yield place, name, action
+
+
+RAISING = ("raise", "interrupt")
+# What these change within the operation stays, and rows and indexes must agree all the same.
+NESTED = ("insert", "update", "save", "clear_table")
 
 
 def hostile_objects(cases, share):
     reset(b"")
-    content = saved(fresh())
-    originals = dict(vars(module))
-    for (place, name, action), calls_before in itertools.product(combinations(share), range(25)):
-        if calls_before > 0 and not used:
-            continue
-        reset(content)
-        db = script.set(fresh())
-        arguments = [HostilePath() if name == "__init__" else Hostile()] if place == "argument" else []
-        PLACES[place](db)
-        watched, saving = place in ("keys", "value", "argument"), []
-        before = memory(db, id) if watched else None
-        if watched:
-            db.save = lambda: (saving.append(1), JSONDatatable.save(db))
-        with cases(place, name, action, calls_before):
-            script.set(db, action, calls_before)
-            got, _ = outcome(OPERATIONS[name], db, *arguments, show=type)
-            used = script.calls > calls_before
-            script.set(db)
-            vars(module).clear()
-            vars(module).update(originals)
-            assert got[0] is not SystemError, got
-            json.loads(read())
-            assert place in ("filename", "argument") or listing() == [f"./{PATH}"], listing()
-            if not watched or name in PARTIAL:
-                continue
-            if action in ("raise", "interrupt") or (place, action) in NESTED:
-                assert not disagreement(db), disagreement(db)
-            if action in ("raise", "interrupt") and not saving:
-                assert memory(db, id) == before, f"not undone: {memory(db)}"
+    content, originals = saved(fresh()), dict(vars(module))
+    for place, name, action in combinations(share):
+        for calls_before in range(25):
+            reset(content)
+            db, saving = script.set(fresh()), []
+            arguments = [HostilePath() if name == "__init__" else Hostile()] if place == "argument" else []
+            PLACES[place](db)
+            watched = place in ("keys", "value", "argument") and name not in PARTIAL
+            if watched:
+                before = memory(db, id)
+                db.save = lambda: (saving.append(1), JSONDatatable.save(db))
+            with cases(place, name, action, calls_before):
+                script.set(db, action, calls_before)
+                got, _ = outcome(OPERATIONS[name], db, *arguments, show=type)
+                used = script.calls > calls_before
+                script.set(db)
+                vars(module).clear()
+                vars(module).update(originals)
+                assert got[0] is not SystemError, got
+                json.loads(read())
+                assert place in ("filename", "argument") or listing() == [f"./{PATH}"], listing()
+                if watched and action in (*RAISING, *(NESTED if place == "argument" else ())):
+                    assert not disagreement(db), disagreement(db)
+                if watched and action in RAISING and not saving:
+                    assert memory(db, id) == before, f"not undone: {memory(db)}"
+            if not used:
+                break
 
 
 class HostileObjects(FaultTest):
