@@ -176,6 +176,7 @@ def with_argument_checks(declared, method):
     kinds = {name: re.match(r"(?:(Optional)\[)?(\w+)", text).groups()
              for name, text in declared.__annotations__.items() if name != "return"}
 
+    @functools.wraps(declared)
     def checked(*args, **kwargs):
         bound = signature.bind(*args, **kwargs)
         bound.apply_defaults()
