@@ -1,6 +1,5 @@
 """The guide's tables of errors: each example raises what its line says, and leaves what its section says."""
 
-import ast
 import contextlib
 import io
 import json
@@ -13,7 +12,8 @@ import unittest
 from support import DatabaseTest, JSONDatatable
 
 GUIDE = (pathlib.Path(__file__).resolve().parent.parent / "docs/guide.md").read_text()
-PROGRAM = "".join(re.findall(r"^```python\n(.*?)^```$", GUIDE.split("\n## Errors\n")[0], re.MULTILINE | re.DOTALL))
+BLOCKS = re.compile(r"^```python\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+PROGRAM = "".join(BLOCKS.findall(GUIDE.split("\n## Errors\n")[0]))
 
 
 class ErrorTables(DatabaseTest):
@@ -23,32 +23,27 @@ class ErrorTables(DatabaseTest):
         found = re.findall(r"^\| `?(.+?)`? \| `([\w.]+)` \| `(.+?)` \|$", section, re.MULTILINE)
         self.assertGreaterEqual(len(found), least)
         self.addCleanup(os.chdir, os.getcwd())
-        outer = self.folder
-        for number, line in enumerate(found):
-            self.folder = os.path.join(outer, str(number))
-            os.mkdir(self.folder)
+        for line in found:
+            self.setUp()
             os.chdir(self.folder)
             yield line
 
     @contextlib.contextmanager
     def said(self, kind, words):
-        with self.assertRaises(Exception) as caught:
+        with self.raises(eval(kind, {"json": json, "re": re})) as caught:
             yield
-        text = str(caught.exception)
-        self.assertIs(type(caught.exception), eval(kind), text)
-        self.assertEqual(text[:len(words) - 3] + "..." if words.endswith("...") else text, words)
+        said = str(caught.exception)
+        self.assertEqual(said[:len(words) - 3] + "..." if words.endswith("...") else said, words)
 
     def run_example(self, example, kind, words):
         """Runs it after the guide's program; its last statement has to raise. The state right before that."""
-        names = {"json": json, "re": re}
-        with contextlib.redirect_stdout(io.StringIO()):
-            exec(PROGRAM, names)
+        names, (before, _, last) = {}, example.rpartition("; ")
+        with contextlib.redirect_stdout(None):
+            exec(PROGRAM + before, names)
         self.db, self.path = names["db"], "shop.json"
-        *before, last = ast.parse(example).body
-        exec(compile(ast.Module(before, []), "<before>", "exec"), names)
         state = self.state()
         with self.said(kind, words):
-            exec(compile(ast.Module([last], []), "<example>", "exec"), names)
+            exec(last, names)
         return state
 
     def test_refused(self):
