@@ -11,7 +11,7 @@ import unittest
 from fractions import Fraction
 from unittest import mock
 
-from support import DatabaseTest, JSONDatatable, module, optional
+from support import DatabaseTest, JSONDatatable, optional
 
 METHODS = {name: value for name, value in vars(JSONDatatable).items() if inspect.isfunction(value)}
 
@@ -20,8 +20,6 @@ class Functions(DatabaseTest):
     def test_each_is_an_ordinary_function(self):
         for name, method in METHODS.items():
             with self.subTest(name):
-                self.assertEqual(method.__qualname__, f"JSONDatatable.{name}")
-                self.assertIs(method.__globals__, vars(module))
                 self.assertIs(pickle.loads(pickle.dumps(method)), method)
                 self.assertRaises(TypeError, mock.create_autospec(method), *range(6))
                 # A copy of the function has its code, whose body is not the native one.
@@ -36,10 +34,6 @@ class Functions(DatabaseTest):
         self.table(optional("n"), rows=["x"])
         stand_in = types.SimpleNamespace(tables=self.db.tables, _row_to_dict=lambda table, row: {"row": row})
         self.assertEqual(JSONDatatable.get_row(stand_in, "t", 0), {"row": ["x"]})
-
-    def test_reassigned_defaults(self):
-        with mock.patch.object(JSONDatatable.__init__, "__defaults__", (self.at("other.json"),)):
-            self.assertEqual(JSONDatatable().filename, self.at("other.json"))
 
     def test_calls_nested_too_deep(self):
         """They leave as much depth for later calls as there was."""

@@ -9,7 +9,6 @@ import contextlib
 import copy
 import inspect
 import io
-import json
 import os
 import pickle
 import random
@@ -103,7 +102,7 @@ class Side:
     def take_step(self, seed):
         """All that a caller can see of a random step, and after it."""
         os.chdir(self.folder)
-        self.draw, self.calls, self.result, failure = random.Random(seed), [], None, None
+        self.draw, self.told, self.result, failure = random.Random(seed), mock.Mock(), None, None
         self.name = self.choose([*self.db.tables] or TABLES if self.chance(.95) else TABLES + ["nope"])
         self.table = self.db.tables.get(self.name) or self.module.Table(self.name, [])
         self.rows, self.columns = self.table.rows, self.table.columns
@@ -118,8 +117,9 @@ class Side:
                 failure = self.failure(error)
         tables = [(name, vars(table), vars(table).get(model.TO_REBUILD, self) is table.indexes)
                   for name, table in self.db.tables.items()]
+        calls = [(name, len(args), list(kwargs)) for name, args, kwargs in self.told.mock_calls]
         files = {path.name: path.read_bytes() for path in Path().iterdir()}
-        return self.words, self.result, failure, printed.getvalue(), self.calls, repr(tables), files
+        return self.words, self.result, failure, printed.getvalue(), calls, repr(tables), files
 
     def failure(self, error):
         """Class and words. How the type of a wrong argument is named is free; a string may be encoded whole or in
@@ -211,7 +211,9 @@ class Side:
         elif self.chance(.75):
             self.call()
         elif self.chance(.1):
-            with mock.patch.object(self.module, *self.replacement()):
+            name = self.choose(["json", "re", "datetime", "os", "Column", "Table"])
+            self.told = mock.Mock(wraps=getattr(self.module, name))
+            with mock.patch.object(self.module, name, self.told):
                 self.call()
         else:
             self.call_redefined(self.choose(REDEFINED))
@@ -232,10 +234,10 @@ class Side:
 
     def call_redefined(self, name):
         """A call while the object's class redefines the method of that name, or how methods are looked up."""
-        change, original = self.choose(CHANGES), self.told(getattr(self.kind, name))
+        change, self.told = self.choose(CHANGES), mock.Mock(wraps=getattr(self.kind, name))
 
         def method(*args, **kwargs):
-            return change(original(*args, **kwargs))
+            return change(self.told(*args, **kwargs))
 
         def look_up(receiver, attribute):
             found = object.__getattribute__(receiver, attribute)
@@ -248,22 +250,6 @@ class Side:
             self.call()
         finally:
             self.db.__class__ = self.kind
-
-    def told(self, function):
-        """The function, with its calls written down."""
-        def tell(*args, **kwargs):
-            self.calls.append((function.__name__, len(args), list(kwargs)))
-            return function(*args, **kwargs)
-        return tell
-
-    def replacement(self):
-        """A name of the module's namespace, and what tells of its use."""
-        return self.choose([
-            ("json", SimpleNamespace(dump=self.told(json.dump), load=self.told(json.load))),
-            ("re", SimpleNamespace(match=self.told(literal.re.match))),
-            ("datetime", SimpleNamespace(strptime=self.told(datetime.strptime))),
-            ("os", SimpleNamespace(path=SimpleNamespace(exists=self.told(os.path.exists)))),
-            ("Column", self.told(self.module.Column)), ("Table", self.told(self.module.Table))])
 
     def fill(self):
         """Enough rows for what is done only in large tables."""
