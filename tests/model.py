@@ -40,14 +40,6 @@ def undone_on_failure(db, table, undo_row=None):
         del db.undo_row, db.undo_steps
 
 
-def is_hashable(value):
-    try:
-        hash(value)
-    except TypeError:
-        return False
-    return True
-
-
 def rebuild_marked_indexes(table):
     """Builds marked indexes anew. Those of a file name rows by ids from before the load, and their keys are strings."""
     marked = getattr(table, "__dict__", {}).get(TO_REBUILD, table)
@@ -61,7 +53,11 @@ def rebuild_marked_indexes(table):
             if not isinstance(row, list) or all(value is None for value in row):
                 continue
             for column, value in zip(table.columns, row):
-                if column.name in rebuilt and is_hashable(value):
+                if column.name in rebuilt:
+                    try:
+                        hash(value)
+                    except TypeError:
+                        continue  # it is listed nowhere
                     rebuilt[column.name].setdefault(value, []).append(row_id)
         table.indexes = rebuilt
     del vars(table)[TO_REBUILD]

@@ -77,23 +77,6 @@ class Asked:
         return self.act()
 
 
-class List(list):
-    def __iter__(self):
-        return iter(["own"] * (len(self) - 1))
-
-
-class Dict(dict):
-    def items(self):
-        return self["items"]
-
-
-class Float(float):
-    __hash__ = None
-
-    def __eq__(self, other):
-        return other < 0
-
-
 def odd_values(asked):
     """Beside the values above: what json.dump takes by its own rules, or refuses."""
     def changed(container, act):
@@ -102,8 +85,11 @@ def odd_values(asked):
         container.update(z=value) if isinstance(container, dict) else container.append(value)
         return container
 
-    text, whole, real, mute = (type("Sub", (base,), body) for base, body in (
-        (str, {}), (int, {"__str__": None}), (float, {}), (float, {"__repr__": None})))
+    text, whole, real, mute, signed, listed, mapped = (type("Sub", (base,), body) for base, body in (
+        (str, {}), (int, {"__str__": None}), (float, {}), (float, {"__repr__": None}),
+        (float, {"__hash__": None, "__eq__": lambda self, other: other < 0}),
+        (list, {"__iter__": lambda self: iter(["own"] * (len(self) - 1))}),
+        (dict, {"items": lambda self: self["items"]})))
     circular = [1]
     circular.append({"a": (circular,)})
     return [
@@ -111,8 +97,8 @@ def odd_values(asked):
         nested(150), nested(5000), circular, {(1, 2): 3}, {text("k"): 1}, {b"k": Asked(asked)}, 10 ** 5000,
         mute(1.5), {whole(7): real("-inf")}, enum.IntEnum("Kind", "A").A,
         datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc),
-        List(), List([1]), List([1, 2, 3]), Dict(items=[("k", 1), ["l", Asked(asked)]]), Dict(items=["k"]),
-        Dict(items=[("k", 1), (1, 2, 3)]), Dict(items=[("k", Asked(asked)), 5]), Float(2), [Float("nan")],
+        listed(), listed([1]), listed([1, 2, 3]), mapped(items=[("k", 1), ["l", Asked(asked)]]), mapped(items=["k"]),
+        mapped(items=[("k", 1), (1, 2, 3)]), mapped(items=[("k", Asked(asked)), 5]), signed(2), [signed("nan")],
         *([Asked(asked), mock.Mock(spec=kind)] for kind in (str, int, float, list, dict)),
         {mock.Mock(spec=str): 1}, {mock.Mock(spec=float): 1}, Asked(asked, lambda: text("sub")),
         Asked(asked, lambda: None), [Asked(asked), Asked(asked, lambda: 1 / 0), Asked(asked)],

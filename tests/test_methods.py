@@ -50,27 +50,22 @@ class Functions(DatabaseTest):
         self.assertEqual(depth(), before)
 
     def test_an_error_handled_within_a_generator(self):
-        """It is gone with the call, and each generator and block has its own one back."""
-        def steps():
+        """It is gone with the call: the generator and the block around it have their own ones back."""
+        def insert():
             try:
                 raise LookupError
             except LookupError as own:
-                for value in "xy":
-                    with self.assertRaises(ValueError) as caught:
-                        self.db.insert("t", {"n": value})
-                    self.assertIs(caught.exception.__context__.__context__, own)
-                    self.assertIs(sys.exc_info()[1], own)
-                    yield
+                with self.raises(ValueError) as caught:
+                    self.db.insert("t", {"n": "x"})
+                self.assertIs(caught.exception.__context__.__context__, own)
+                yield sys.exc_info()[1], own
 
         self.table(optional("n", "number"))
-        running = steps()
-        for outer in (LookupError(), OSError()):
-            try:
-                raise outer
-            except Exception:
-                next(running)
-                self.assertIs(sys.exc_info()[1], outer)
-            self.assertIsNone(sys.exc_info()[1])
+        try:
+            raise OSError
+        except OSError as outer:
+            self.assertIs(*next(insert()))
+            self.assertIs(sys.exc_info()[1], outer)
 
 
 class Arguments(DatabaseTest):
