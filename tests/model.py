@@ -1,8 +1,4 @@
-"""What the module is checked against: the plain program of bench/literal.py and what the module does besides.
-
-It checks the types of arguments, undoes changes that fail half way, rebuilds marked indexes, writes keys that JSON has
-no form for as strings, and nothing of a document that is refused.
-"""
+"""What the module is checked against: the plain program of bench/literal.py and what the module does besides."""
 
 import contextlib
 import functools
@@ -24,8 +20,7 @@ def mark(table):
 
 @contextlib.contextmanager
 def undone_on_failure(db, table, undo_row=None):
-    """A failure runs what `db.undo_steps` has been given, latest first; a step that fails itself leaves the indexes to
-    be rebuilt."""
+    """A failure undoes the steps, latest first; an undo that fails itself leaves the indexes to be rebuilt."""
     db.undo_row, db.undo_steps = undo_row, []
     try:
         yield
@@ -41,7 +36,7 @@ def undone_on_failure(db, table, undo_row=None):
 
 
 def rebuild_marked_indexes(table):
-    """Builds marked indexes anew. Those of a file name rows by ids from before the load, and their keys are strings."""
+    """Those of a file name rows by ids from before the load, and their keys are strings."""
     marked = getattr(table, "__dict__", {}).get(TO_REBUILD, table)
     if marked is table:
         return
@@ -64,7 +59,7 @@ def rebuild_marked_indexes(table):
 
 
 def with_json_keys(column_index):
-    """The index, with the keys that JSON has no form for as their strings; ids of equal keys follow each other."""
+    """Keys that JSON has no form for become strings; the ids of equal ones follow each other."""
     written = {}
     for value, ids in column_index.items():
         key = value if value is None or isinstance(value, (str, int, float)) else str(value)

@@ -3,7 +3,6 @@
 import contextlib
 import copy
 import datetime
-import decimal
 import enum
 import functools
 import io
@@ -97,8 +96,8 @@ def odd_values(asked):
         nested(150), nested(5000), circular, {(1, 2): 3}, {text("k"): 1}, {b"k": Asked(asked)}, 10 ** 5000,
         mute(1.5), {whole(7): real("-inf")}, enum.IntEnum("Kind", "A").A,
         datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc),
-        listed(), listed([1]), listed([1, 2, 3]), mapped(items=[("k", 1), ["l", Asked(asked)]]), mapped(items=["k"]),
-        mapped(items=[("k", 1), (1, 2, 3)]), mapped(items=[("k", Asked(asked)), 5]), signed(2), [signed("nan")],
+        listed(), listed([1]), listed([1, 2, 3]), mapped(items=[("k", 1), ["l", Asked(asked)]]),
+        mapped(items=["k"]), mapped(items=[("k", 1), (1, 2, 3)]), signed(2), [signed("nan")],
         *([Asked(asked), mock.Mock(spec=kind)] for kind in (str, int, float, list, dict)),
         {mock.Mock(spec=str): 1}, {mock.Mock(spec=float): 1}, Asked(asked, lambda: text("sub")),
         Asked(asked, lambda: None), [Asked(asked), Asked(asked, lambda: 1 / 0), Asked(asked)],

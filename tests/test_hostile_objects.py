@@ -9,13 +9,13 @@ import traceback
 import unittest
 
 from fault_support import (
-    LONG, OPERATIONS, PARTIAL, PATH, FaultTest, disagreement, fresh, listing, memory, outcome, read, reset, saved)
+    LONG, OPERATIONS, PARTIAL, PATH, FaultTest, disagreement, fresh, listing, memory, outcome, read, reset,
+    saved)
 from support import JSONDatatable, module
 
 
 class Script:
     """What hostile objects do when they are called: nothing wrong at first, then an action at each call."""
-
     def set(self, db, action="raise", calls_before=1000):
         self.db, self.action, self.calls_before, self.calls, self.acting = db, action, calls_before, 0, False
         return db
@@ -54,8 +54,8 @@ ACTIONS = {
     "shorten rows": lambda db: [row.clear() for row in table(db).rows],
     "grow rows": lambda db: table(db).rows.insert(0, ["grown"] * 3),
     "clear columns": lambda db: table(db).columns.clear(),
-    "clear indexes": lambda db: [cleared.clear() for index in (*table(db).indexes.values(), table(db).indexes)
-                                 for cleared in (*index.values(), index)],
+    "clear indexes": lambda db: [index.clear() for index in (*table(db).indexes.values(), table(db).indexes)],
+    "clear ids": lambda db: [ids.clear() for index in table(db).indexes.values() for ids in index.values()],
     "clear arguments": lambda db: [argument.clear() for argument in vars(db).get("given", ())],
     "other indexes": lambda db: setattr(table(db), "indexes", {"k": [], "s": {"new": (1,), "b": 5}}),
     "clear tables": lambda db: db.tables.clear(),
@@ -63,8 +63,6 @@ ACTIONS = {
     **{name: OPERATIONS[name]
        for name in ("insert", "update", "clear_table", "_build_indexes", "save", "load")},
 }
-
-
 RIGHT_ANSWERS = {
     "__eq__": lambda self, other: self is other, "__ne__": lambda self, other: self is not other,
     "__hash__": lambda self: hash("new"), "__str__": lambda self: "text", "__repr__": lambda self: "text",
@@ -74,7 +72,6 @@ RIGHT_ANSWERS = {
     "__getitem__": lambda self, _: [1], "__fspath__": lambda self: PATH,
     "__getattr__": lambda self, name: getattr(table(script.db), name),
     "__setitem__": lambda self, *_: None, "__delitem__": lambda self, _: None}
-
 
 
 def asking(right):
@@ -107,16 +104,17 @@ PLACES = {
     "row": lambda db: operator.setitem(table(db).rows, 1, Hostile()),
     "column": lambda db: operator.setitem(table(db).columns, 1, Hostile()),
     "table": lambda db: operator.setitem(db.tables, "t", Hostile()),
-    **{field: lambda db, field=field: setattr(table(db).columns[1], field, Hostile()) for field in (
-        "name", "data_type", "required", "unique", "default", "validation_pattern")},
-    **{f"the table's {field}": lambda db, field=field: setattr(table(db), field, Hostile()) for field in (
-        "name", "columns", "rows", "indexes")},
-    **{f"respelt {name}": lambda db, name=name: respell(table(db), name) for name in ("columns", "rows", "indexes")},
+    **{field: lambda db, field=field: setattr(table(db).columns[1], field, Hostile())
+       for field in module.Column.__annotations__},
+    **{f"the table's {field}": lambda db, field=field: setattr(table(db), field, Hostile())
+       for field in module.Table.__annotations__},
+    **{f"respelt {name}": lambda db, name=name: respell(table(db), name)
+       for name in ("columns", "rows", "indexes")},
     "respelt name": lambda db: respell(table(db).columns[1], "name"),
     "respelt tables": lambda db: respell(db, "tables"),
     "filename": lambda db: setattr(db, "filename", HostilePath()),
     "tables": lambda db: setattr(db, "tables", Hostile()),
-    **{f"redefined {name}": lambda db, name=name: setattr(db, name, lambda *args, **names: script.answer(Hostile))
+    **{f"redefined {name}": lambda db, name=name: setattr(db, name, lambda *_, **__: script.answer(Hostile))
        for name in vars(JSONDatatable) if name[1] != "_"},
     **{f"rebound {name}": lambda db, name=name: setattr(module, name, Hostile()) for name in (
         "json", "open", "os", "re", "datetime", "Column", "Table")},
@@ -128,7 +126,7 @@ def combinations(share):
     chosen = random.Random(4)
     for place, name, action in itertools.product(PLACES, OPERATIONS, (*ODD_ANSWERS, *ACTIONS)):
         possible = place != "argument" or "x" in OPERATIONS[name].__code__.co_varnames
-        often = place == "keys" and action in ("raise", "clear indexes")
+        often = place == "keys" and action in ("raise", "clear indexes", "clear ids")
         if possible and chosen.random() <= max(share, 0.5 * often):
             yield place, name, action
 

@@ -83,7 +83,7 @@ class Arguments(DatabaseTest):
                 getattr(JSONDatatable, name)(*args, **keywords)
 
     def test_conversions(self):
-        """Numbers become integers, and anything a truth value, before the types of the other arguments are tested."""
+        """Numbers become integers, anything a truth value, before the types of other arguments are tested."""
         class Indexed:
             __index__ = lambda self: 1
 
