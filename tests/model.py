@@ -1,4 +1,4 @@
-"""What the module is checked against: the plain program of bench/literal.py and what the module does besides."""
+"""What the module is checked against: the program of bench/literal.py and what the module does besides."""
 
 import contextlib
 import functools
@@ -20,7 +20,7 @@ def mark(table):
 
 @contextlib.contextmanager
 def undone_on_failure(db, table, undo_row=None):
-    """A failure undoes the steps, latest first; an undo that fails itself leaves the indexes to be rebuilt."""
+    """A failure undoes the steps, latest first; where that fails too, the indexes are to be rebuilt."""
     db.undo_row, db.undo_steps = undo_row, []
     try:
         yield

@@ -101,10 +101,9 @@ def odd_values(asked):
         *([Asked(asked), mock.Mock(spec=kind)] for kind in (str, int, float, list, dict)),
         {mock.Mock(spec=str): 1}, {mock.Mock(spec=float): 1}, Asked(asked, lambda: text("sub")),
         Asked(asked, lambda: None), [Asked(asked), Asked(asked, lambda: 1 / 0), Asked(asked)],
-        changed([1], list.clear), changed([1], lambda it: it.append(2)), changed([1], lambda it: it.append(it)),
-        changed({"a": 1}, dict.clear), changed({"a": 1}, lambda it: it.update(b=2)),
-        changed({"a": 1}, lambda it: it.update(a=it)),
-        changed({"a": 1}, lambda it: (it.pop("a"), it.update(b=2)) and None)]
+        changed([1], list.clear), changed([1], lambda it: it.append(2)),
+        changed([1], lambda it: it.append(it)), changed({"a": 1}, dict.clear), changed({"a": 1}, lambda it: it.update(b=2)),
+        changed({"a": 1}, lambda it: it.update(a=it)), changed({"a": 1}, lambda it: it.update(b=it.pop("a")))]
 
 
 class Writing(DatabaseTest):
@@ -245,7 +244,7 @@ class Remembered(DatabaseTest):
         changes = [
             lambda: vars(table()).pop("rows"), lambda: setattr(table(), "columns", tuple(table().columns)),
             lambda: setattr(table().columns[1], "__class__", type("Other", (), {"name": "other"})),
-            lambda: setattr(self.db, "tables", {}), lambda: setattr(self.db, "_row_to_dict", lambda *_: {"x": 1}),
+            lambda: self.db.tables.clear(), lambda: setattr(self.db, "_row_to_dict", lambda *_: {"x": 1}),
             lambda: patched(module.Table, "rows", property(lambda _: [[5, 6]])),
             lambda: (patched(module.Column, "name", Late()), self.call_all(), patched(Late, "__set__", None)),
             lambda: patched(JSONDatatable, "_row_to_dict", lambda *_: {"y": 1}),

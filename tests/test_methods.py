@@ -27,8 +27,8 @@ class Functions(DatabaseTest):
                 self.assertRaises(AssertionError, types.FunctionType(method.__code__, {}), *given)
         # The declaration with the type that each argument must have, then what the method does.
         self.assertEqual(METHODS["_project_row"].__doc__, (
-            "JSONDatatable._project_row(self, dict row_dict: Dict[str, Any], list columns: Optional[List[str]]) "
-            "-> Dict[str, Any]\n\nSelect specific columns from a row dictionary"))
+            "JSONDatatable._project_row(self, dict row_dict: Dict[str, Any], "
+            "list columns: Optional[List[str]]) -> Dict[str, Any]\n\nSelect specific columns from a row dictionary"))
 
     def test_receiver_of_another_class(self):
         self.table(optional("n"), rows=["x"])

@@ -70,19 +70,19 @@ TYPED = {
     "date": ["2024-03-15", "2024-3-5", "2024-01-01", "2024-02-30", date(2024, 3, 15), date(2024, 1, 1), 9],
     "odd": [Odd(1), Odd(2), Odd(3), Odd(4), Odd("eq"), NAN, (1, "a"), [1], 1]}
 ODD = [
-    float("inf"), -0.0, 1e16, 10 ** 30, -2 ** 63, {1}, b"x", (1, "a"), [1, [None]], {"k": 1.5, 2: None, 1.5: True},
+    float("inf"), -0.0, 1e16, 10 ** 30, -2 ** 63, {1}, b"x", (1, "a"), [1, [None]], {"k": 1.5, 2: None},
     'é q"\\\n\x01\x7f\u2028', datetime(2024, 3, 15, 10, 5), Text("a"), Whole(1), Real(2.5), Items([1]),
     Record(k=Text("v")), Odd("eq"), Odd("hash"), Odd("bool", RuntimeError), Odd(1), Odd(2)]
 UNWRITABLE = ["\ud800", Odd("str", ValueError), {(1, 2): 3}, [{date(2024, 3, 15): 1}]]
 TABLES = ["t", "second", "é"]
 STEPS = {
-    "create_table": 3, "insert": 24, "update": 14, "clear_table": 0.5, "delete": 6, "select": 16, "get_row": 4,
-    "_build_indexes": 1, "_build_index": 1, "_row_to_dict": 2, "_validate_row": 4, "_dict_to_row_id": 5,
-    "_project_row": 2, "save": 1, "load": 2, "display_table": 4, "__init__": 0.2, "fill": 0.06, "edit": 5,
-    "copy": 1}
+    "create_table": 3, "insert": 24, "update": 14, "clear_table": 0.5, "delete": 6, "select": 16,
+    "get_row": 4, "_build_indexes": 1, "_build_index": 1, "_row_to_dict": 2, "_validate_row": 4,
+    "_dict_to_row_id": 5, "_project_row": 2, "save": 1, "load": 2, "display_table": 4, "__init__": 0.2,
+    "fill": 0.06, "edit": 5, "copy": 1}
 # Those that other methods call.
-REDEFINED = [
-    "_row_to_dict", "_project_row", "_dict_to_row_id", "_validate_row", "select", "save", "load", "_build_index"]
+REDEFINED = ["_row_to_dict", "_project_row", "_dict_to_row_id", "_validate_row", "_build_index", "select", "save",
+             "load"]
 # What a redefined method makes of the original's result.
 CHANGES = [
     lambda r: None, lambda r: 0, lambda r: "0", lambda r: 1 / 0, list, lambda r: Record(r), lambda r: r[:1],
@@ -189,7 +189,7 @@ class Side:
         return {
             "table_name": lambda: self.name,
             "filename": lambda: self.choose(["database.json", "other.json"]),
-            "columns": lambda: self.choose([None, [self.column_name() for _ in range(self.draw.randrange(4))]]),
+            "columns": lambda: self.choose([None, [self.column_name() for _ in range(self.choose(range(4)))]]),
             "conditions": lambda: self.choose([None, {}]) if self.chance(.15) else self.conditions(),
             "row_id": lambda: self.choose([*range(len(self.rows) + 1)] * 4 + [10 ** 30, -2 ** 64, -1]),
             "limit": lambda: self.choose([0, 1, 2, 3, 20, -1, -2, 10 ** 30, -2 ** 64]),
@@ -265,7 +265,7 @@ class Side:
         merged = {date(2024, 3, 15): ids, "2024-03-15": [], (1,): ids}
         index = self.choose([{}, merged, None, [1], Record(a=ids), {self.value(): ids}])
         set_cell = lambda: row.__setitem__(self.draw.randrange(len(row)), self.value())
-        add_ids = lambda: indexes[name].setdefault(self.choose([*indexes[name], self.value()]), []).extend(ids)
+        set_ids = lambda: indexes[name].update({self.choose([*indexes[name], self.value()]): ids})
         edits = [
             lambda: rows.append(self.some_values(len(columns) + 2)), lambda: rows.pop(),
             lambda: rows.__setitem__(self.draw.randrange(len(rows)), odd_row),
@@ -273,7 +273,7 @@ class Side:
             lambda: columns.append(other), lambda: columns.pop(), lambda: columns.reverse(),
             lambda: setattr(column, *self.choose(list(vars(other).items()))), lambda: indexes.pop(name),
             lambda: indexes.__setitem__(name, index), lambda: setattr(table, "indexes", {name: index}),
-            lambda: setattr(table, "indexes", dict(indexes)), add_ids, add_ids, add_ids]
+            lambda: setattr(table, "indexes", dict(indexes)), set_ids, set_ids, set_ids]
         number = self.draw.randrange(len(edits))
         self.words += repr((self.name, number, name, ids, index))
         edits[number]()
