@@ -2,11 +2,8 @@
 
 import contextlib
 import functools
-import inspect
 import io
 import operator
-import re
-from unittest import mock
 
 import literal
 from literal import Column, Table  # noqa: F401
@@ -67,7 +64,26 @@ def with_json_keys(column_index):
     return written
 
 
+def check_argument(name, value, kind):
+    if type(value) is not kind:
+        raise TypeError(f"Argument '{name}' has incorrect type "
+                        f"(expected {kind.__name__}, got {type(value).__name__:.200})")
+
+
 class JSONDatatable(literal.JSONDatatable):
+    """Of arguments, those are checked that a method or a file may hand on in a wrong type."""
+    def _build_index(self, table_name, column_name):
+        check_argument("column_name", column_name, str)
+        super()._build_index(table_name, column_name)
+
+    def _row_to_dict(self, table, row, columns=None):
+        check_argument("row", row, list)
+        return super()._row_to_dict(table, row, columns)
+
+    def _project_row(self, row_dict, columns):
+        check_argument("row_dict", row_dict, dict)
+        return super()._project_row(row_dict, columns)
+
     def _append_row(self, table, data):
         rebuild_marked_indexes(table)
         with undone_on_failure(self, table, lambda: table.rows.pop()):
@@ -137,10 +153,9 @@ class JSONDatatable(literal.JSONDatatable):
         return row_dict
 
     def save(self):
+        tables = {name: self._written_table(table) for name, table in self.tables.items()}
         written = io.StringIO()
-        in_memory = lambda *_, **__: contextlib.nullcontext(written)
-        with mock.patch.object(literal, "open", in_memory, create=True):
-            super().save()
+        literal.json.dump({"tables": tables}, written, indent=None, ensure_ascii=False, default=str)
         content = written.getvalue().encode()
         with open(self.filename, "wb") as file:
             file.write(content)
@@ -158,30 +173,4 @@ class JSONDatatable(literal.JSONDatatable):
         return result
 
 
-BUILT_IN = {"str": str, "int": int, "Dict": dict, "List": list}
-
-
-def with_argument_checks(declared, method):
-    """The method behind exact-type tests, as its annotations ask for them."""
-    signature = inspect.signature(declared)
-    kinds = {name: re.match(r"(?:(Optional)\[)?(\w+)", text).groups()
-             for name, text in declared.__annotations__.items() if name != "return"}
-
-    @functools.wraps(declared)
-    def checked(*args, **kwargs):
-        bound = signature.bind(*args, **kwargs)
-        bound.apply_defaults()
-        for name, (optional, kind) in kinds.items():
-            value, expected = bound.arguments[name], BUILT_IN.get(kind)
-            if expected and type(value) is not expected and not (optional and value is None):
-                raise TypeError(f"Argument '{name}' has incorrect type "
-                                f"(expected {expected.__name__}, got {type(value).__name__:.200})")
-        return method(*bound.args, **bound.kwargs)
-
-    return checked
-
-
-for name, declared in vars(literal.JSONDatatable).items():
-    if callable(declared):
-        setattr(JSONDatatable, name, with_argument_checks(declared, getattr(JSONDatatable, name)))
 Checked = JSONDatatable

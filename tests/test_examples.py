@@ -80,7 +80,7 @@ class Examples(DatabaseTest):
         self.assertEqual(self.db.select("people", columns=["email"], limit=1), [{"email": "ann@x.org"}])
 
     def test_limits_below_one(self):
-        """0 stands for all. A negative one cuts the end off what an index gives; it ends a scan after a row."""
+        """0 stands for all. A negative one cuts the end off what an index gives; a scan ends after one row."""
         self.db._build_index("people", "born")
         self.db.insert("people", {"email": "eve@x.org"})
         for limit, found in (0, 2), (-1, 1), (-2, 0):

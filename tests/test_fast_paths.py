@@ -66,21 +66,16 @@ def nested(depth):
     return functools.reduce(lambda value, _: [value], range(depth), [])
 
 
-class Asked:
-    """Notes each time that its str() is asked for, and then does something to what it lies in."""
-    def __init__(self, asked, act=lambda: "asked"):
-        self.asked, self.act = asked, act
-
-    def __str__(self):
-        self.asked.append(len(self.asked))
-        return self.act()
+def noting(asked, act=lambda: "asked"):
+    """A value that notes each time that its str() is asked for, and then acts, as on what it lies in."""
+    return mock.MagicMock(__str__=lambda _: asked.append(len(asked)) or act())
 
 
 def odd_values(asked):
     """Beside the values above: what json.dump takes by its own rules, or refuses."""
     def changed(container, act):
         """The container, whose last item does that to it."""
-        value = Asked(asked, lambda: act(container) or "acted")
+        value = noting(asked, lambda: act(container) or "acted")
         container.update(z=value) if isinstance(container, dict) else container.append(value)
         return container
 
@@ -92,17 +87,17 @@ def odd_values(asked):
     circular = [1]
     circular.append({"a": (circular,)})
     return [
-        text("é"), text("é\udfff"), "é\udfff", {"a": "\ud800"}, Asked(asked, lambda: "\ud800"), {1}, b"y",
-        nested(150), nested(5000), circular, {(1, 2): 3}, {text("k"): 1}, {b"k": Asked(asked)}, 10 ** 5000,
+        text("é"), text("é\udfff"), "é\udfff", {"a": "\ud800"}, noting(asked, lambda: "\ud800"), {1}, b"y",
+        nested(150), nested(5000), circular, {(1, 2): 3}, {text("k"): 1}, {b"k": noting(asked)}, 10 ** 5000,
         mute(1.5), {whole(7): real("-inf")}, enum.IntEnum("Kind", "A").A,
         datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc),
-        listed(), listed([1]), listed([1, 2, 3]), mapped(items=[("k", 1), ["l", Asked(asked)]]),
+        listed(), listed([1]), listed([1, 2, 3]), mapped(items=[("k", 1), ["l", noting(asked)]]),
         mapped(items=["k"]), mapped(items=[("k", 1), (1, 2, 3)]), signed(2), [signed("nan")],
-        *([Asked(asked), mock.Mock(spec=kind)] for kind in (str, int, float, list, dict)),
-        {mock.Mock(spec=str): 1}, {mock.Mock(spec=float): 1}, Asked(asked, lambda: text("sub")),
-        Asked(asked, lambda: None), [Asked(asked), Asked(asked, lambda: 1 / 0), Asked(asked)],
-        changed([1], list.clear), changed([1], lambda it: it.append(2)),
-        changed([1], lambda it: it.append(it)), changed({"a": 1}, dict.clear), changed({"a": 1}, lambda it: it.update(b=2)),
+        *([noting(asked), mock.Mock(spec=kind)] for kind in (str, int, float, list, dict)),
+        {mock.Mock(spec=str): 1}, {mock.Mock(spec=float): 1}, noting(asked, lambda: text("sub")),
+        noting(asked, lambda: None), [noting(asked), noting(asked, lambda: 1 / 0), noting(asked)],
+        changed([1], list.clear), changed([1], lambda it: it.append(2)), changed({"a": 1}, dict.clear),
+        changed([1], lambda it: it.append(it)), changed({"a": 1}, lambda it: it.update(b=2)),
         changed({"a": 1}, lambda it: it.update(a=it)), changed({"a": 1}, lambda it: it.update(b=it.pop("a")))]
 
 
@@ -143,7 +138,7 @@ class Writing(DatabaseTest):
                     (-1, ValueError, []), (self.path, TypeError, [0])):
                 with self.subTest(path=path.__name__, filename=filename), path():
                     asked, self.db.filename = [], filename
-                    table.rows[:] = [[Asked(asked)], [{(1, 2): 3}]]
+                    table.rows[:] = [[noting(asked)], [{(1, 2): 3}]]
                     with self.unchanged(error):
                         self.db.save()
                     self.assertEqual(asked, written)

@@ -28,7 +28,8 @@ class Functions(DatabaseTest):
         # The declaration with the type that each argument must have, then what the method does.
         self.assertEqual(METHODS["_project_row"].__doc__, (
             "JSONDatatable._project_row(self, dict row_dict: Dict[str, Any], "
-            "list columns: Optional[List[str]]) -> Dict[str, Any]\n\nSelect specific columns from a row dictionary"))
+            "list columns: Optional[List[str]]) -> Dict[str, Any]\n\n"
+            "Select specific columns from a row dictionary"))
 
     def test_receiver_of_another_class(self):
         self.table(optional("n"), rows=["x"])

@@ -81,8 +81,8 @@ STEPS = {
     "_dict_to_row_id": 5, "_project_row": 2, "save": 1, "load": 2, "display_table": 4, "__init__": 0.2,
     "fill": 0.06, "edit": 5, "copy": 1}
 # Those that other methods call.
-REDEFINED = ["_row_to_dict", "_project_row", "_dict_to_row_id", "_validate_row", "_build_index", "select", "save",
-             "load"]
+REDEFINED = [
+    "_row_to_dict", "_project_row", "_dict_to_row_id", "_validate_row", "_build_index", "select", "save"]
 # What a redefined method makes of the original's result.
 CHANGES = [
     lambda r: None, lambda r: 0, lambda r: "0", lambda r: 1 / 0, list, lambda r: Record(r), lambda r: r[:1],
@@ -189,7 +189,7 @@ class Side:
         return {
             "table_name": lambda: self.name,
             "filename": lambda: self.choose(["database.json", "other.json"]),
-            "columns": lambda: self.choose([None, [self.column_name() for _ in range(self.choose(range(4)))]]),
+            "columns": lambda: self.choose([None, [self.column_name() for _ in self.columns]]),
             "conditions": lambda: self.choose([None, {}]) if self.chance(.15) else self.conditions(),
             "row_id": lambda: self.choose([*range(len(self.rows) + 1)] * 4 + [10 ** 30, -2 ** 64, -1]),
             "limit": lambda: self.choose([0, 1, 2, 3, 20, -1, -2, 10 ** 30, -2 ** 64]),
@@ -219,7 +219,7 @@ class Side:
         parameters = dict(inspect.signature(getattr(literal.JSONDatatable, self.what)).parameters)
         del parameters["self"]
         values = {name: self.argument(name) for name, parameter in parameters.items()
-                  if parameter.default is parameter.empty or self.chance(.6)}
+                  if parameter.default is parameter.empty or self.chance(.5)}
         self.words += repr(values)
         result = getattr(self.db, self.what)(**values)
         self.result = repr(result)
