@@ -7,7 +7,6 @@ import os
 import pathlib
 import re
 import sys
-import unittest
 
 from support import DatabaseTest, JSONDatatable
 

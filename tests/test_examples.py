@@ -7,7 +7,6 @@ must raise this error and leave tables and file as they were.
 import contextlib
 import io
 import json
-import unittest
 
 from support import Column, DatabaseTest, JSONDatatable
 
@@ -80,7 +79,7 @@ class Examples(DatabaseTest):
         self.assertEqual(self.db.select("people", columns=["email"], limit=1), [{"email": "ann@x.org"}])
 
     def test_limits_below_one(self):
-        """0 stands for all. A negative one cuts the end off what an index gives; a scan ends after one row."""
+        """0 stands for all. A negative one cuts the end off what an index gives; a scan ends after a row."""
         self.db._build_index("people", "born")
         self.db.insert("people", {"email": "eve@x.org"})
         for limit, found in (0, 2), (-1, 1), (-2, 0):

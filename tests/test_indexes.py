@@ -2,7 +2,6 @@
 
 import gc
 import sys
-import unittest
 from unittest import mock
 
 from support import DatabaseTest, JSONDatatable, module, optional, unique

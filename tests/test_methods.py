@@ -1,13 +1,10 @@
 """The methods as functions of Python, and the checks in front of their bodies."""
 
-from __future__ import annotations
-
 import inspect
 import pickle
 import re
 import sys
 import types
-import unittest
 from fractions import Fraction
 from unittest import mock
 

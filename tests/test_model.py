@@ -151,7 +151,6 @@ class Side:
         return self.choose(TYPED[kind]) if kind in TYPED and self.chance(.85) else self.value()
 
     def values(self, share):
-        """A dictionary from column names to values."""
         positions = [i for i in range(len(self.columns)) if self.chance(share)]
         result = {self.column_name(i): self.cell(i) for i in positions}
         if self.chance(.08):
@@ -177,10 +176,6 @@ class Side:
         different = {repr(column.name): column for column in columns}
         return columns if self.chance(.25) else list(different.values())
 
-    def conditions(self):
-        position = self.choose([*range(len(self.columns)), None])
-        return self.values(.4) if position is None else {self.column_name(position): self.cell(position)}
-
     def argument(self, name):
         if name in ("data", "new_data", "row_dict"):
             return self.values(.8)
@@ -190,7 +185,8 @@ class Side:
             "table_name": lambda: self.name,
             "filename": lambda: self.choose(["database.json", "other.json"]),
             "columns": lambda: self.choose([None, [self.column_name() for _ in self.columns]]),
-            "conditions": lambda: self.choose([None, {}]) if self.chance(.15) else self.conditions(),
+            "conditions": lambda: self.choose([None, self.values(.4), *[
+                {self.column_name(position): self.cell(position)} for position in range(len(self.columns))]]),
             "row_id": lambda: self.choose([*range(len(self.rows) + 1)] * 4 + [10 ** 30, -2 ** 64, -1]),
             "limit": lambda: self.choose([0, 1, 2, 3, 20, -1, -2, 10 ** 30, -2 ** 64]),
             "column_name": self.column_name,
