@@ -62,7 +62,8 @@ class Functions(DatabaseTest):
         try:
             raise OSError
         except OSError as outer:
-            self.assertIs(*next(insert()))
+            handled, own = next(insert())
+            self.assertIs(handled, own)
             self.assertIs(sys.exc_info()[1], outer)
 
 
