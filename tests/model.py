@@ -107,7 +107,7 @@ class JSONDatatable(literal.JSONDatatable):
     def _add_to_indexes(self, table, row_id, row):
         def undo(index, value, ids, is_new):
             del ids[-1]
-            if is_new and not ids:
+            if is_new and not ids and value in index:
                 del index[value]
 
         self.undo_steps.append(self.undo_row)
