@@ -3,8 +3,7 @@
 // process's last.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/random.h>
-#include <sys/sendfile.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -102,10 +101,9 @@ int openat(int directory, const char* path, int flags, ...) {
     va_start(rest, flags);
     const mode_t mode = va_arg(rest, mode_t);
     va_end(rest);
-    const bool unnamed = (flags & O_TMPFILE) == O_TMPFILE;
     // What may be there already, and lead elsewhere, is not a new file.
     const char* made = (flags & O_CREAT) == 0 ? "openat" : (flags & O_EXCL) == 0 ? "shared" : "new";
-    return pass<int>("openat", unnamed ? "unnamed" : made, directory, path, flags, mode);
+    return pass<int>("openat", made, directory, path, flags, mode);
 }
 
 ssize_t write(int file, const void* bytes, size_t size) {
@@ -116,23 +114,18 @@ ssize_t write(int file, const void* bytes, size_t size) {
 
 int close(int file) { return pass<int>("close", file == written ? "close" : "release", file); }
 int fsync(int file) { return pass<int>("fsync", file == written ? "fsync" : "fsync-folder", file); }
-ssize_t sendfile(int to, int from, off_t* offset, size_t size) {
-    written = to;
-    if (action == Action::shorten && size > 100) size = 100;
-    return pass<ssize_t>("sendfile", "sendfile", to, from, offset, size);
-}
 
 // A call that is only counted: its result, name, parameters and arguments.
 #define COUNTED(result, call, parameters, ...) \
     result call parameters { return pass<result>(#call, #call, __VA_ARGS__); }
 
+COUNTED(int, flock, (int file, int operation), file, operation)
 COUNTED(int, fchmod, (int file, mode_t mode), file, mode)
 COUNTED(int, fchown, (int file, uid_t user, gid_t group), file, user, group)
 COUNTED(int, fstat, (int file, struct stat* status), file, status)
 COUNTED(int, stat, (const char* path, struct stat* status), path, status)
 COUNTED(int, fstatat, (int in, const char* path, struct stat* status, int flags), in, path, status, flags)
 COUNTED(int, faccessat, (int in, const char* path, int mode, int flags), in, path, mode, flags)
-COUNTED(int, linkat, (int in, const char* old, int to, const char* path, int flags), in, old, to, path, flags)
 COUNTED(int, renameat, (int in, const char* old, int to, const char* path), in, old, to, path)
 COUNTED(int, unlinkat, (int in, const char* path, int flags), in, path, flags)
 COUNTED(ssize_t, readlinkat, (int in, const char* path, char* text, size_t size), in, path, text, size)
@@ -142,7 +135,6 @@ COUNTED(int, fsetxattr, (int file, const char* name, const void* list, size_t si
         file, name, list, size, flags)
 COUNTED(int, fremovexattr, (int file, const char* name), file, name)
 COUNTED(int, sync_file_range, (int file, off64_t at, off64_t size, unsigned flags), file, at, size, flags)
-COUNTED(ssize_t, getrandom, (void* bytes, size_t size, unsigned flags), bytes, size, flags)
 
 void* __libc_malloc(size_t size);
 

@@ -1,6 +1,7 @@
 """Every system call of a save fails, stops half way or is the process's last."""
 
 import errno
+import fcntl
 import itertools
 import os
 import signal
@@ -15,7 +16,7 @@ from fault_support import (
 def plans(names):
     """Writing in pieces goes the same way in every shape."""
     return [(name, shape) for name, shape in itertools.product(names, SHAPES)
-            if LONG or name != "insert much" or shape in ("plain", "linkat")]
+            if LONG or name != "insert much" or shape == "plain"]
 
 
 def faults(number):
@@ -31,19 +32,24 @@ def system_calls(cases, names):
         sweep(cases, name, faults, shape=shape)
 
 
+def calls(name):
+    """The system calls of an undisturbed operation."""
+    old_and_new(name)
+    watched = SystemFault(FAIL, 10 ** 6)
+    outcome(OPERATIONS[name], fresh(), fault=watched)
+    return watched.names
+
+
 def flushes(cases):
-    """What is on the disk when a call returns: the new file, before it takes the old one's place, also where
-    it is a copy of one without a name; that it has a name; the folder after it has changed."""
-    for name, shape in itertools.product(WRITING, ("plain", "linkat")):
-        with cases(name, shape):
-            old_and_new(name, shape)
-            watched = SystemFault(FAIL, 10 ** 6)
-            outcome(OPERATIONS[name], fresh(), fault=watched)
-            last = {call: position for position, call in enumerate(watched.names)}
-            renamed = last["renameat"]
-            cases.assertIn("fsync", watched.names[max(last["write"], last.get("sendfile", 0)):renamed])
-            cases.assertGreater(last["fsync"], last.get("linkat", 0))
-            cases.assertIn("fsync-folder", watched.names[renamed:])
+    """What is on the disk when a call returns: the new file, before it takes the old one's place, with its
+    access rights; the folder after it has changed."""
+    for name in WRITING:
+        with cases(name):
+            names = calls(name)
+            last = {call: position for position, call in enumerate(names)}
+            cases.assertLess(max(last["write"], last["fchmod"]), last["fsync"])
+            cases.assertLess(last["fsync"], last["renameat"])
+            cases.assertIn("fsync-folder", names[last["renameat"]:])
 
 
 def killed_at(number, name):
@@ -57,19 +63,18 @@ def killed_at(number, name):
 
 
 def kills(cases, names):
-    """The file is the old or the new one. What else is left was never more accessible than the file. Where
-    there are files without names, little is left: a new one gets its name right before the renaming."""
+    """The file is the old or the new one. What else is left was never more accessible than the file, and the
+    next save removes it where there are locks."""
     os.umask(0o022)
     for name, shape in plans(names):
         content, old, new, _ = old_and_new(name, shape)
-        killed, leaving, allowed = True, 0, old.mode or new.mode
+        killed, allowed = True, old.mode or new.mode
         for number in itertools.takewhile(lambda _: killed, itertools.count(1)):
             with cases(name, shape, number):
                 reset(content, shape)
                 killed = killed_at(number, name)
                 cases.assertIn(read(), (old.file, new.file))
                 left = sorted(set(listing()) - {*old.listing, f"./{PATH}"})
-                leaving += len(left)
                 cases.assertLessEqual(len(left), killed)
                 for path in left:
                     cases.assertRegex(path, r"^\./(sub/)?\.json_database-[0-9a-f]+\.tmp$")
@@ -78,10 +83,33 @@ def kills(cases, names):
                     if old.file and mode & 0o077:
                         cases.assertEqual(os.stat(path)[4:6], os.stat(PATH)[4:6], "owner and group")
                 cases.assertEqual(saved(fresh()), content)
-                cases.assertEqual(listing(), sorted({*old.listing, f"./{PATH}", *left}))
-        if shape not in ("missing", "unnamed", "linkat"):
-            with cases(name, shape, "left"):
-                cases.assertIn(leaving, (1, 2))
+                staying = left if shape == "flock" else []
+                cases.assertEqual(listing(), sorted({*old.listing, f"./{PATH}", *staying}))
+
+
+def names_taken(cases):
+    """What lies where the new file would be made, and is no left-over, stays as it is and leads nowhere."""
+    def locked(name):
+        descriptor = os.open(name, os.O_WRONLY | os.O_CREAT)
+        fcntl.flock(descriptor, fcntl.LOCK_EX)
+
+    content, _, new, _ = old_and_new("insert")
+    reset(content)
+    before = listing()
+    killed_at(calls("insert").index("write"), "insert")
+    name, = set(listing()) - set(before)
+    for put in (lambda name: os.symlink("sub/victim", name), lambda name: os.symlink("sub/none", name),
+                lambda name: os.link("sub/victim", name), os.mkfifo, os.mkdir, locked):
+        reset(content)
+        with open("sub/victim", "w", encoding="utf-8") as file:
+            file.write("precious")
+        put(name)
+        there, before = os.lstat(name), listing()
+        with cases(stat.filemode(there.st_mode)):
+            outcome(OPERATIONS["insert"], fresh())
+            cases.assertEqual(read(), new.file)
+            cases.assertEqual(os.lstat(name)[:7], there[:7])
+            cases.assertEqual((read("sub/victim"), listing()), (b"precious", before))
 
 
 @unittest.skipUnless(LIBRARY, "no library to preload was built")
@@ -92,7 +120,10 @@ class Disk(FaultTest):
         self.in_child(system_calls, self.some, least=2000 if LONG else 600)
 
     def test_flushes(self):
-        self.in_child(flushes, least=2 * len(WRITING))
+        self.in_child(flushes, least=len(WRITING))
 
     def test_killed_at_every_system_call(self):
-        self.in_child(kills, self.some, least=700 if LONG else 200)
+        self.in_child(kills, self.some, least=500 if LONG else 150)
+
+    def test_names_taken(self):
+        self.in_child(names_taken, least=6)

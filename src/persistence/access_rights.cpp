@@ -118,7 +118,10 @@ int give_list(int new_file, AccessRights& rights) {
         given = run([&] { return fsetxattr(new_file, kListName, rights.list.data(), rights.list.size(), 0); });
     }
     // The directory may have given the new file a list of its own.
-    if (rights.list.empty() || given.error != 0) {
+    const auto has_list = [&] {
+        return !means_no_list(run([&] { return fgetxattr(new_file, kListName, nullptr, 0); }).error);
+    };
+    if ((rights.list.empty() || given.error != 0) && has_list()) {
         const Outcome removed = run([&] { return fremovexattr(new_file, kListName); });
         if (given.error == 0 && !means_no_list(removed.error)) given = removed;
     }
@@ -139,9 +142,10 @@ int give_mode(int new_file, const AccessRights& rights) {
 
 }  // namespace
 
-int copy_access_rights(int directory, const std::string& file, int new_file) {
+int copy_access_rights(int directory, const std::string& file, int new_file, struct stat& status) {
     AccessRights rights;
     int error = read_rights(directory, file, rights);
+    status = rights.status;
     if (error == ENOENT) return 0;
     if (error == 0) error = give_owner_and_group(new_file, rights);
     if (error == 0) error = give_list(new_file, rights);

@@ -1,11 +1,15 @@
-// Order: the new file is made in the old one's directory, written, flushed, given the old one's access rights, named,
-// renamed over the old file; then file and directory are flushed. A failure before the rename leaves the old file byte
-// for byte and nothing of the new one; after it the new file is in place but may not survive a power cut.
+// Order: the new file is made in the old one's directory, written, given the old one's access rights, flushed and
+// renamed over the old one; then the directory is flushed. A failure before the rename leaves the old file byte for
+// byte and nothing of the new one; after it the new file is in place but may not survive a power cut.
+//
+// The new file has a name from the start, one of a few, and a lock. A killed process leaves the file but not the lock,
+// so the next save finds it and removes it. A file without a name (O_TMPFILE) would leave nothing, but a file system
+// without a journal flushes it as a file that nothing leads to, and loses it in a power cut after the rename: it needs
+// a third flush, with which a small save takes 1.1 times as long there, and even then a moment remains.
 #include "persistence/replace_file.h"
 
 #include <fcntl.h>
-#include <sys/random.h>
-#include <sys/sendfile.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,23 +24,40 @@ namespace jdb::persistence {
 namespace {
 
 constexpr int kMaxNames = 100;
+constexpr int kReusedNames = 10;
 
-// It is no secret: it only has to differ from the numbers of other processes.
-std::uint64_t random_number() {
-    std::uint64_t number = 0;
-    const Outcome drawn = run([&] { return getrandom(&number, sizeof number, GRND_NONBLOCK); });
-    if (drawn.error == 0) return number;
-    static std::uint64_t drawn_before = 0;
-    const auto now = static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
-    return (static_cast<std::uint64_t>(getpid()) << 42U) ^ (now + ++drawn_before);
-}
-
-std::string random_name() {
+// The new file's name: at first one of a few that belong to the old file's, then, where somebody keeps these, any.
+std::string new_name(const std::string& file, int tries) {
     constexpr std::string_view digits = "0123456789abcdef";
+    std::uint64_t number = 0xCBF29CE484222325U;  // FNV-1a
+    for (const char byte : file) number = (number ^ static_cast<unsigned char>(byte)) * 0x100000001B3U;
+    number += static_cast<std::uint64_t>(tries);
+    if (tries >= kReusedNames) {
+        number += static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
+    }
     std::string name = ".json_database-";
-    std::uint64_t number = random_number();
     for (int digit = 0; digit < 16; ++digit, number >>= 4U) name += digits[number & 15U];
     return name + ".tmp";
+}
+
+Outcome lock(const Descriptor& file) {
+    return run([&] { return flock(file.number(), LOCK_EX | LOCK_NB); });
+}
+
+// Removes a file of that name that nobody is writing; false when there is none. One whose name leads elsewhere by the
+// time it is locked has been renamed: it is the database now.
+bool remove_left_over(int directory, const char* name) {
+    const Outcome found = run([&] { return openat(directory, name, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); });
+    const Descriptor file(found.result);
+    if (found.error != 0 || lock(file).error != 0) return false;
+    struct stat locked {};
+    struct stat named {};
+    const Outcome looked = run([&] { return fstat(file.number(), &locked); });
+    const Outcome looked_again = run([&] { return fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW); });
+    if (looked.error != 0 || looked_again.error != 0) return false;
+    if (locked.st_dev != named.st_dev || locked.st_ino != named.st_ino) return false;
+    if (!S_ISREG(locked.st_mode) || locked.st_nlink != 1) return false;
+    return run([&] { return unlinkat(directory, name, 0); }).error == 0;
 }
 
 // The remark where the error is about access rights: without it the message would seem to be about the file's own.
@@ -49,9 +70,7 @@ const char* directory_remark(int error, const char* remark) {
 // After the delegated constructor the destructor runs even when this one throws, and cleans up.
 FileReplacement::FileReplacement(ReplaceTarget target) : FileReplacement() {
     target_ = std::move(target);
-    // A first file is made with a name: on some systems a file without one gets more access rights than the process's
-    // umask allows.
-    if (!target_.exists || !make_without_name()) make_with_name();
+    make_new_file();
 }
 
 FileReplacement::~FileReplacement() {
@@ -60,44 +79,45 @@ FileReplacement::~FileReplacement() {
     unlinkat(target_.directory.number(), new_name_.c_str(), 0);
 }
 
-// Calls `make(name)` with random names until one is free; then the new file has that name.
-template <class Make>
-Outcome FileReplacement::under_new_name(Make make) {
-    for (int tries = 0;; ++tries) {
-        std::string name = random_name();
-        const Outcome made = run([&] { return make(name.c_str()); });
-        if (made.error == EEXIST && tries < kMaxNames) continue;
-        if (made.error == 0) new_name_ = std::move(name);
-        return made;
-    }
-}
-
-// False where it fails, for whatever reason: one that prevents any new file also prevents a named one.
-bool FileReplacement::make_without_name() {
-    const Outcome made =
-        run([&] { return openat(target_.directory.number(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, S_IRUSR | S_IWUSR); });
-    new_file_ = Descriptor(made.result);
-    return made.error == 0;
-}
-
-void FileReplacement::make_with_name() {
+void FileReplacement::make_new_file() {
+    const int directory = target_.directory.number();
     // A first file gets what the process gives new files.
     const mode_t mode = target_.exists ? S_IRUSR | S_IWUSR : S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
-    const Outcome made = under_new_name([&](const char* name) {
-        return openat(target_.directory.number(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    });
-    new_file_ = Descriptor(made.result);
-    if (made.error == 0) return;
+    const auto make = [&](const std::string& name) {
+        return run([&] {
+            return openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+        });
+    };
+    Outcome made{-1, EEXIST};
+    for (int tries = 0; made.error == EEXIST && tries < kMaxNames; ++tries) {
+        std::string name = new_name(target_.file, tries);
+        made = make(name);
+        if (made.error == EEXIST && remove_left_over(directory, name.c_str())) made = make(name);
+        if (made.error != 0) continue;
+        new_file_ = Descriptor(made.result);
+        new_name_ = std::move(name);
+        if (lock(new_file_).error != EWOULDBLOCK && has_name()) return;  // without locks nobody takes it
+        new_name_.clear();                                               // another save took it for a left-over
+        made.error = EEXIST;
+    }
     // Without an old file `open` would fail here too, with the system's message alone.
     const char* remark =
         target_.exists ? directory_remark(made.error, "no new file can be made in its directory") : nullptr;
     raise_os_error(made.error, target_.name, remark);
 }
 
+// Whether the new file has not been removed since it was made.
+bool FileReplacement::has_name() const {
+    struct stat status {};
+    const Outcome looked = run([&] { return fstat(new_file_.number(), &status); });
+    if (looked.error != 0) raise_os_error(looked.error, target_.name);
+    return status.st_nlink > 0;
+}
+
 void FileReplacement::write(std::string_view bytes) {
-    const auto start = static_cast<off64_t>(written_);
+    const off64_t start = written_;
     const auto size = static_cast<off64_t>(bytes.size());
-    written_ += bytes.size();
+    written_ += size;
     while (!bytes.empty()) {
         const Outcome written = run([&] { return ::write(new_file_.number(), bytes.data(), bytes.size()); });
         if (written.error != 0) raise_os_error(written.error, target_.name);
@@ -109,15 +129,16 @@ void FileReplacement::write(std::string_view bytes) {
 }
 
 void FileReplacement::commit() {
+    copy_access_rights();
     flush();
     check_signals();
-    copy_access_rights();
-    if (new_name_.empty()) give_name();
+    if (access_rights_changed()) {
+        run([&] { return fchmod(new_file_.number(), S_IRUSR | S_IWUSR); });
+        copy_access_rights();
+    }
     rename();
-    // A file system without a journal has not yet stored on disk that the file has a name, and would lose the file in a
-    // power cut; the third flush makes a small save take 1.05 to 1.25 times as long there. With a journal this flush
-    // commits the rename, also in a directory that can't be flushed, and leaves the directory's flush little to do.
-    flush();
+    // A journal commits the rename with this, in a directory that can't be flushed itself.
+    if (!target_.directory_readable) flush();
     flush_directory();
     const int error = new_file_.close();
     if (error != 0) raise_os_error(error, target_.name);
@@ -136,33 +157,20 @@ void FileReplacement::flush_directory() const {
 }
 
 void FileReplacement::copy_access_rights() {
-    const int error = persistence::copy_access_rights(target_.directory.number(), target_.file, new_file_.number());
+    const int error =
+        persistence::copy_access_rights(target_.directory.number(), target_.file, new_file_.number(), old_status_);
     if (error != 0) raise_os_error(error, target_.name);
 }
 
-void FileReplacement::give_name() {
-    const std::string unnamed = "/proc/self/fd/" + std::to_string(new_file_.number());
-    const int error = under_new_name([&](const char* name) {
-                          return linkat(AT_FDCWD, unnamed.c_str(), target_.directory.number(), name, AT_SYMLINK_FOLLOW);
-                      }).error;
-    if (error == 0) return;
-    // There may be no /proc, and links may be forbidden.
-    if (error != ENOENT && !is_unavailable(error)) raise_os_error(error, target_.name);
-    copy_to_named_file();
-}
-
-void FileReplacement::copy_to_named_file() {
-    const Descriptor unnamed = std::move(new_file_);
-    make_with_name();
-    constexpr std::size_t kChunk = std::size_t{1} << 30U;
-    off_t copied = 0;
-    for (;;) {
-        const Outcome sent = run([&] { return sendfile(new_file_.number(), unnamed.number(), &copied, kChunk); });
-        if (sent.error != 0) raise_os_error(sent.error, target_.name);
-        if (sent.result == 0) break;
-    }
-    flush();
-    copy_access_rights();
+// Whether the old file's may be others than those that were copied.
+bool FileReplacement::access_rights_changed() const {
+    struct stat now {};
+    const Outcome looked =
+        run([&] { return fstatat(target_.directory.number(), target_.file.c_str(), &now, AT_SYMLINK_NOFOLLOW); });
+    if (looked.error == ENOENT) return false;
+    if (looked.error != 0) raise_os_error(looked.error, target_.name);
+    return now.st_ino != old_status_.st_ino || now.st_ctim.tv_sec != old_status_.st_ctim.tv_sec ||
+           now.st_ctim.tv_nsec != old_status_.st_ctim.tv_nsec;
 }
 
 void FileReplacement::rename() {
@@ -174,6 +182,7 @@ void FileReplacement::rename() {
                        directory_remark(renamed.error, "it can't be replaced in its directory"));
     }
     new_name_.clear();
+    run([&] { return flock(new_file_.number(), LOCK_UN); });  // the program may use locks of its own on its file
 }
 
 }  // namespace jdb::persistence

@@ -1,6 +1,8 @@
 // Replacing a file by a new one, so that its name leads to the complete old or the complete new one at every moment.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 #include <string_view>
 
@@ -8,11 +10,10 @@
 
 namespace jdb::persistence {
 
-// The new file while it is being written. Where the system has files without names, it has a name only in `commit`,
-// just before the rename, so that a killed process leaves nothing behind. Before the rename the old file is untouched,
-// only the owner can use the new one, and the destructor removes it. A first file, with nothing to replace, has a name
-// and the access rights of any new file from the start. Each call may raise OSError, which names the database file; the
-// GIL is released in system calls.
+// The new file while it is being written. Before the rename the old file is untouched, and the destructor removes the
+// new one. A killed process leaves it, and the next save of the same database removes it. Only its owner can use it
+// until it is complete; a first file, with nothing to replace, has the access rights of any new file from the start.
+// Each call may raise OSError, which names the database file; the GIL is released in system calls.
 class FileReplacement {
 public:
     explicit FileReplacement(ReplaceTarget target);
@@ -22,29 +23,26 @@ public:
 
     // Appends the bytes to the new file.
     void write(std::string_view bytes);
-    // Flushes the new file to disk, gives it the old one's access rights as far as the process may, renames it over the
-    // old one and flushes that. When it returns, the new file survives a power cut. When it raises, either the old file
-    // is as it was, or the new one is in its place and may not survive one.
+    // Gives the new file the old one's access rights as far as the process may, flushes it to disk, renames it over the
+    // old one and flushes the directory. When it returns, the new file survives a power cut. When it raises, either the
+    // old file is as it was, or the new one is in its place and may not survive one.
     void commit();
 
 private:
     FileReplacement() = default;
-    bool make_without_name();
-    void make_with_name();
-    void give_name();
-    void copy_to_named_file();
+    void make_new_file();
+    [[nodiscard]] bool has_name() const;
     void copy_access_rights();
+    [[nodiscard]] bool access_rights_changed() const;
     void rename();
     void flush() const;
     void flush_directory() const;
 
-    template <class Make>
-    Outcome under_new_name(Make make);
-
     ReplaceTarget target_;
     std::string new_name_;  // empty while there is none to remove
     Descriptor new_file_;
-    std::size_t written_ = 0;
+    off64_t written_ = 0;
+    struct stat old_status_ {};  // of the old file, when its access rights were copied
 };
 
 }  // namespace jdb::persistence
