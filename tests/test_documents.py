@@ -12,6 +12,8 @@ import subprocess
 import tempfile
 import unittest
 
+from support import run_python
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DOCUMENTS = {path: path.read_text() for path in [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]}
 
@@ -67,6 +69,9 @@ class Documents(unittest.TestCase):
     def test_readme_shows_the_example(self):
         (_, shown), *_ = blocks(DOCUMENTS[ROOT / "README.md"])
         self.assertEqual(shown, (ROOT / "examples/inventory.py").read_text())
+        with tempfile.TemporaryDirectory() as folder:
+            run_python(shown, folder)
+            run_python(shown, folder)  # its file is there now
 
     def test_presets_and_links_exist(self):
         presets = json.loads((ROOT / "CMakePresets.json").read_text())["workflowPresets"]

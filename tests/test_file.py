@@ -84,6 +84,12 @@ class Files(FaultTest):
 
 
 class Rebound(DatabaseTest):
+    def test_torn_writing_leaves_the_file(self):
+        self.table(optional("a"), rows=["é"])
+        with mock.patch.object(json, "dump", lambda document, file, **_: file.write("é") // 0), \
+                self.unchanged(ZeroDivisionError):
+            self.db.save()
+
     def test_table_is_printed_by_the_print_of_the_import(self):
         self.table(optional("name"), rows=[("日本",)])
         with mock.patch("builtins.print") as late, mock.patch.object(module, "print", late, create=True), \

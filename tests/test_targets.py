@@ -186,9 +186,9 @@ class Targets(DatabaseTest):
         """Neither the path nor what its link says is too long, but both together are."""
         folder = self.at(*["d" * 200] * 18)
         os.makedirs(folder)
-        os.symlink("./" * 1000 + "end", os.path.join(folder, "link"))
-        self.saved_to(os.path.join(folder, "link"))
-        self.assertEqual(sorted(os.listdir(folder)), ["end", "link"])
+        os.symlink("./" * 1000 + "n" * 255, os.path.join(folder, "link"))
+        self.saved_to(os.fsencode(os.path.join(folder, "link")))
+        self.assertEqual(sorted(os.listdir(folder)), ["link", "n" * 255])
 
     def test_special_files(self):
         """What is no regular file, or has no name, is opened and written."""
@@ -202,6 +202,9 @@ class Targets(DatabaseTest):
             os.unlink(gone.name)
             self.saved_to(f"/proc/self/fd/{gone.fileno()}")
         self.assertEqual(sorted(os.listdir(self.folder)), ["database.json", "fifo"])
+        reader, self.db.filename = os.pipe()
+        os.close(reader)
+        self.assertRaises(BrokenPipeError, self.db.save)
 
     def test_old_file_is_not_opened(self):
         self.addCleanup(signal.signal, signal.SIGIO, signal.signal(signal.SIGIO, signal.SIG_IGN))
