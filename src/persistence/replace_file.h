@@ -41,7 +41,6 @@ private:
     ReplaceTarget target_;
     std::string new_name_;  // empty while there is none to remove
     Descriptor new_file_;
-    off64_t written_ = 0;
     struct stat old_status_ {};  // of the old file, when its access rights were copied
 };
 
