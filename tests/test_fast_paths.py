@@ -225,7 +225,8 @@ class Remembered(DatabaseTest):
     """What the fast paths remember of records and methods must not outlive it."""
     def call_all(self):
         calls = [("get_row", "t", 0), ("select", "t"), ("select", "t", {"a": 1}), ("select", "t", {"b": 2}),
-                 ("_row_to_dict", self.db.tables.get("t"), [1, 2])]
+                 ("select", "t", {"b": math.nan}), ("select", "t", {"b": 3, "not a column": None}, ["b", "b"]),
+                 ("_row_to_dict", self.db.tables.get("t"), [1, 2, 3])]
         return [outcome(getattr(self.db, method), *args)[0] for method, *args in calls]
 
     def test_changes_between_calls(self):
@@ -235,7 +236,8 @@ class Remembered(DatabaseTest):
 
         table = lambda: self.db.tables["t"]
         changes = [
-            lambda: vars(table()).pop("rows"), lambda: setattr(table(), "columns", tuple(table().columns)),
+            lambda: None, lambda: vars(table()).pop("rows"),
+            lambda: setattr(table(), "columns", tuple(table().columns)),
             lambda: setattr(table().columns[1], "__class__", type("Other", (), {"name": "other"})),
             lambda: self.db.tables.clear(), lambda: setattr(self.db, "_row_to_dict", lambda *_: {"x": 1}),
             lambda: patched(module.Table, "rows", property(lambda _: [[5, 6]])),
@@ -249,7 +251,9 @@ class Remembered(DatabaseTest):
         for number, change in enumerate(changes):
             with self.subTest(number=number), contextlib.ExitStack() as patches:
                 self.db = JSONDatatable(self.at(f"{number}.json"))
-                self.table(unique("a", "number"), optional("b", "number"), rows=[(1, 2)])
+                self.table(unique("a", "number"), optional("b"), optional("b"))
+                self.db.tables["t"].rows += [[1, 2, 3], [2, math.nan, math.nan]]
+                self.db._build_indexes("t")
                 self.call_all()
                 change()
                 fast = self.call_all()
