@@ -225,7 +225,7 @@ class Remembered(DatabaseTest):
     """What the fast paths remember of records and methods must not outlive it."""
     def call_all(self):
         calls = [("get_row", "t", 0), ("select", "t"), ("select", "t", {"a": 1}), ("select", "t", {"b": 2}),
-                 ("select", "t", {"b": math.nan}), ("select", "t", {"b": 3, "not a column": None}, ["b", "b"]),
+                 ("select", "t", {"b": math.nan}), ("select", "t", {"b": 3, "no column": None}, ["b", "b"]),
                  ("_row_to_dict", self.db.tables.get("t"), [1, 2, 3])]
         return [outcome(getattr(self.db, method), *args)[0] for method, *args in calls]
 

@@ -32,6 +32,9 @@ class Functions(DatabaseTest):
         self.table(optional("n"), rows=["x"])
         stand_in = types.SimpleNamespace(tables=self.db.tables, _row_to_dict=lambda table, row: {"row": row})
         self.assertEqual(JSONDatatable.get_row(stand_in, "t", 0), {"row": ["x"]})
+        stand_in._row_to_dict = lambda *_: []
+        with self.raises(TypeError, "Expected dict, got list"):
+            JSONDatatable.get_row(stand_in, "t", 0)
 
     def test_calls_nested_too_deep(self):
         """They leave as much depth for later calls as there was."""
