@@ -61,8 +61,11 @@ class Cases:
     def __call__(self, *label):
         self.count += 1
         print(*label, file=sys.stderr, flush=True)
-        with self.test.subTest(" ".join(map(str, label))):
+        try:
             yield
+        except Exception:  # a subtest that passes would be remembered
+            with self.test.subTest(" ".join(map(str, label))):
+                raise
 
 
 # ---- One database, one call of every kind on it --------------------------------------------------
