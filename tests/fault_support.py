@@ -16,7 +16,7 @@ import tempfile
 import unittest
 
 import model
-from support import BASE, JSONDatatable, module, optional, unique
+from support import BASE, ENVIRONMENT, JSONDatatable, module, optional, unique
 
 LONG = "JSON_DATABASE_LONG" in os.environ
 LIBRARY = os.environ.get("JSON_DATABASE_FAULT_LIBRARY")
@@ -34,8 +34,7 @@ class FaultTest(unittest.TestCase):
             function(cases, *arguments)
             self.assertGreaterEqual(cases.count, least)
             return
-        environment = {**os.environ, "JSON_DATABASE_CHILD": "1",
-                       "PYTHONPATH": os.pathsep.join(map(os.path.abspath, sys.path))}
+        environment = {**ENVIRONMENT, "JSON_DATABASE_CHILD": "1"}
         with tempfile.TemporaryDirectory(dir=BASE) as folder:
             os.mkdir(f"{folder}/data")
             if LIBRARY:
@@ -194,15 +193,10 @@ LACKING = {"flock": errno.ENOLCK, "fsync-folder": errno.EINVAL}
 SHAPES = ["plain", "missing", "link", *LACKING, *["listed"] * CAN_LIST, *["owned"] * (os.getuid() == 0)]
 
 
-def lack(calls="", error=0):
-    """From now on the system answers these calls with the error; without calls it has them all."""
-    library.fault_lack(calls.encode(), error)
-
-
 def reset(content, shape="plain"):
     """Empties the folder and puts a file of the given shape there."""
     if library:
-        lack(*[shape, LACKING[shape]] if shape in LACKING else [])
+        library.fault_lack(shape.encode(), LACKING.get(shape, 0))
     for entry in os.scandir():
         shutil.rmtree(entry) if entry.is_dir(follow_symlinks=False) else os.unlink(entry)
     os.mkdir("sub")

@@ -171,6 +171,3 @@ class JSONDatatable(literal.JSONDatatable):
         result = super()._read_table(table)
         mark(result)
         return result
-
-
-Checked = JSONDatatable

@@ -24,11 +24,14 @@ def unique(name, data_type="text", **options):
     return optional(name, data_type, unique=True, **options)
 
 
+# For an interpreter of its own, which finds the same modules.
+ENVIRONMENT = {**os.environ, "PYTHONPATH": os.pathsep.join(map(os.path.abspath, sys.path))}
+
+
 def run_python(code, folder=None):
     """The lines that the code prints in an interpreter of its own, which must end well."""
-    environment = {**os.environ, "PYTHONPATH": os.pathsep.join(map(os.path.abspath, sys.path))}
     done = subprocess.run([sys.executable, "-X", "dev", "-c", textwrap.dedent(code)], cwd=folder,
-                          env=environment, capture_output=True, text=True, timeout=300)
+                          env=ENVIRONMENT, capture_output=True, text=True, timeout=300)
     if done.returncode:
         raise AssertionError(f"exit status {done.returncode}\n{done.stdout}\n{done.stderr}")
     return done.stdout.splitlines()

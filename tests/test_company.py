@@ -4,11 +4,13 @@ import contextlib
 import io
 import os
 import signal
+import subprocess
+import sys
 import tempfile
 
 from fault_support import (
     LONG, OPERATIONS, PATH, FaultTest, disagreement, fresh, listing, outcome, read, reset, saved)
-from support import JSONDatatable, run_python
+from support import ENVIRONMENT, JSONDatatable, run_python
 
 
 def grown(size):
@@ -81,6 +83,11 @@ for _ in range(3):
     threading.Thread(target=work, daemon=True).start()
 time.sleep(random.random() / 50)
 """
+SAVING = """
+from talvern_client.utils.json_database import JSONDatatable
+for _ in range(100):
+    JSONDatatable("database.json").save()
+"""
 CALLS = (
     "db.save()", "db.tables['t'].rows[0][2] = {1}; db.save()", "JSONDatatable('database.json')",
     "db._row_to_dict = lambda *_: dict.fromkeys(range(20)); db.select('t')",
@@ -91,6 +98,14 @@ CALLS = (
 class Company(FaultTest):
     def test_interrupts(self):
         self.in_child(interrupts, 400000 if LONG else 60000, least=len(WALKS))
+
+    def test_several_processes_save(self):
+        """None takes the new file of another for one that a killed process has left."""
+        with tempfile.TemporaryDirectory() as folder:
+            saving = [subprocess.Popen([sys.executable, "-c", SAVING], cwd=folder, env=ENVIRONMENT)
+                      for _ in range(4)]
+            self.assertEqual([process.wait() for process in saving], [0] * 4)
+            self.assertEqual(os.listdir(folder), [PATH])
 
     def test_exit(self):
         daemons = [DAEMONS.replace("CALL", call) for call in CALLS]

@@ -98,7 +98,7 @@ def odd_values(asked):
         changed({"a": 1}, lambda it: it.update(a=it)), changed({"a": 1}, lambda it: it.update(b=it.pop("a")))]
 
 
-class Writing(DatabaseTest):
+class WritingAndReading(DatabaseTest):
     def make_table(self, seed, asked):
         r = random.Random(seed)
         columns = [Column(text(r), r.choice(["number", 5]), default=plain_value(r)) for _ in range(3)]
@@ -126,6 +126,21 @@ class Writing(DatabaseTest):
                 same = len(os.path.commonprefix(outcomes))
                 fast, plain = (shown[max(same - 60, 0):same + 60] for shown in outcomes)
                 self.assertEqual(fast, plain)
+
+    def test_many_rows(self):
+        """Strings met before, and an index's keys that follow the rows or do not."""
+        count = 40_000
+        rows = [[f"key {i}" if i % 9 else f"schlüssel {i}", f"often {i % 50}", "é" * (i % 30), None, i / 7]
+                for i in range(count)]
+        in_order = {row[0]: [i] for i, row in enumerate(rows) if i % 70 or i > 30_000}
+        indexes = {"a": in_order, "b": {}, "c": {f"key {i * 7919 % count}": [i] for i in range(0, count, 3)}}
+        tables = {name: {"name": name, "columns": [], "rows": rows[:size], "indexes": indexes}
+                  for name, size in (("t", count), ("u", 500))}
+        self.write(json.dumps({"tables": tables}, ensure_ascii=False).encode())
+        self.db.load()
+        for name, table in self.db.tables.items():
+            self.assertTrue(table.rows == tables[name]["rows"], "other rows")
+            self.assertTrue(repr(table.indexes) == repr(indexes), "other indexes, or in another order")
 
     def test_error_of_the_path_comes_first(self):
         """The file is opened after the document was put together, and before anything is written."""
@@ -197,23 +212,6 @@ class OtherPeoplesJson(DatabaseTest):
             JSONDatatable("x.json").save()
             JSONDatatable("x.json")
         """, self.folder), ["dump", "load"])
-
-
-class Reading(DatabaseTest):
-    def test_many_rows(self):
-        """Strings met before, and an index's keys that follow the rows or do not."""
-        count = 40_000
-        rows = [[f"key {i}" if i % 9 else f"schlüssel {i}", f"often {i % 50}", "é" * (i % 30), None, i / 7]
-                for i in range(count)]
-        in_order = {row[0]: [i] for i, row in enumerate(rows) if i % 70 or i > 30_000}
-        indexes = {"a": in_order, "b": {}, "c": {f"key {i * 7919 % count}": [i] for i in range(0, count, 3)}}
-        tables = {name: {"name": name, "columns": [], "rows": rows[:size], "indexes": indexes}
-                  for name, size in (("t", count), ("u", 500))}
-        self.write(json.dumps({"tables": tables}, ensure_ascii=False).encode())
-        self.db.load()
-        for name, table in self.db.tables.items():
-            self.assertTrue(table.rows == tables[name]["rows"], "other rows")
-            self.assertTrue(repr(table.indexes) == repr(indexes), "other indexes, or in another order")
 
 
 class Slow(JSONDatatable):

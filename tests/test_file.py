@@ -4,6 +4,7 @@ import builtins
 import contextlib
 import gc
 import io
+import itertools
 import json
 import random
 import signal
@@ -45,13 +46,6 @@ def other_shape(content, chosen):
     return json.dumps(document).encode()
 
 
-def bad_files(content, count):
-    chosen = random.Random(6)
-    yield from other_bytes(content, chosen)
-    for _ in range(count):
-        yield other_shape(content, chosen)
-
-
 def loaded(database):
     """What a load does, and what it leaves for the calls that follow."""
     db = database("missing.json")
@@ -70,10 +64,12 @@ def loaded(database):
 
 def wrong_files(cases, count):
     reset(b"")
-    for number, changed in enumerate(bad_files(saved(fresh()), count)):
+    content, chosen = saved(fresh()), random.Random(6)
+    other_shapes = (other_shape(content, chosen) for _ in range(count))
+    for number, changed in enumerate(itertools.chain(other_bytes(content, chosen), other_shapes)):
         reset(changed)
         with cases(number, changed[:1000]):
-            for came, expected in zip(loaded(JSONDatatable), loaded(model.Checked)):
+            for came, expected in zip(loaded(JSONDatatable), loaded(model.JSONDatatable)):
                 cases.assertEqual(came, expected)
             cases.assertEqual(read(), changed)
 
@@ -83,7 +79,7 @@ class Files(FaultTest):
         self.in_child(wrong_files, 40000 if LONG else 300, least=40000 if LONG else 2000)
 
 
-class Rebound(DatabaseTest):
+class SavingAndLoading(DatabaseTest):
     def test_torn_writing_leaves_the_file(self):
         self.table(optional("a"), rows=["é"])
         with mock.patch.object(json, "dump", lambda document, file, **_: file.write("é") // 0), \
@@ -106,8 +102,6 @@ class Rebound(DatabaseTest):
             calls = [mock.call(self.path, mode, encoding="utf-8") for mode in "wr"]
             self.assertEqual(opened.mock_calls, calls)
 
-
-class SavingAndLoading(DatabaseTest):
     def test_deleted_rows_of_rows_that_are_no_list(self):
         self.table(optional("k")).rows = ([None], [1])
         self.db.save()

@@ -5,6 +5,7 @@ import itertools
 import json
 import operator
 import random
+import signal
 import traceback
 from unittest import mock
 
@@ -42,14 +43,10 @@ def table(db):
     return db.tables["t"]
 
 
-def interrupt(db):
-    raise KeyboardInterrupt
-
-
 ODD_ANSWERS = {repr(odd)[:6]: odd for odd in (None, [], -1, 10 ** 30, "odd", NotImplemented)}
 ACTIONS = {
     "raise": lambda db: 1 / 0,
-    "interrupt": interrupt,
+    "interrupt": lambda db: signal.default_int_handler(),
     "clear rows": lambda db: table(db).rows.clear(),
     "shorten rows": lambda db: [row.clear() for row in table(db).rows],
     "grow rows": lambda db: table(db).rows.insert(0, ["grown"] * 3),

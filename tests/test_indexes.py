@@ -7,7 +7,7 @@ from unittest import mock
 from support import DatabaseTest, JSONDatatable, module, optional, unique
 
 
-class InPlace(DatabaseTest):
+class Indexes(DatabaseTest):
     def test_an_index_stays_the_same_object(self):
         table = self.table(unique("k"), rows=["a"])
         index = table.indexes["k"]
@@ -57,8 +57,6 @@ class InPlace(DatabaseTest):
             self.db.insert("t", {"k": 1})
         unraisable.assert_not_called()
 
-
-class Building(DatabaseTest):
     def test_what_was_built_stays_whatever_ends_it(self):
         for error in (TypeError, MemoryError, KeyboardInterrupt):
             refusing = mock.MagicMock(__hash__=mock.Mock(side_effect=error("refused")))
@@ -68,15 +66,6 @@ class Building(DatabaseTest):
                 with self.raises(error, "refused"):
                     self.db._build_indexes("t")
                 self.assertEqual(table.indexes, {"a": {"x": [0]}})
-
-    def test_a_rebuild_keeps_the_order_of_the_file(self):
-        table = self.table(unique("a"), optional("b"), optional("c"), rows=["1"])
-        table.columns[1].unique = True
-        table.indexes = {"c": {}, "a": {}}
-        self.db.save()
-        loaded = JSONDatatable(self.path)
-        loaded._dict_to_row_id(loaded.tables["t"], {})
-        self.assertEqual(list(loaded.tables["t"].indexes), ["c", "a", "b"])
 
 
 class RowDictionaries(DatabaseTest):

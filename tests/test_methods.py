@@ -13,7 +13,7 @@ from support import DatabaseTest, JSONDatatable, optional
 METHODS = {name: value for name, value in vars(JSONDatatable).items() if inspect.isfunction(value)}
 
 
-class Functions(DatabaseTest):
+class Methods(DatabaseTest):
     def test_each_is_an_ordinary_function(self):
         for name, method in METHODS.items():
             with self.subTest(name):
@@ -22,11 +22,6 @@ class Functions(DatabaseTest):
                 # A copy of the function has its code, whose body is not the native one.
                 given = range(method.__code__.co_argcount)
                 self.assertRaises(AssertionError, types.FunctionType(method.__code__, {}), *given)
-        # The declaration with the type that each argument must have, then what the method does.
-        self.assertEqual(METHODS["_project_row"].__doc__, (
-            "JSONDatatable._project_row(self, dict row_dict: Dict[str, Any], "
-            "list columns: Optional[List[str]]) -> Dict[str, Any]\n\n"
-            "Select specific columns from a row dictionary"))
 
     def test_receiver_of_another_class(self):
         self.table(optional("n"), rows=["x"])
@@ -69,8 +64,6 @@ class Functions(DatabaseTest):
             self.assertIs(handled, own)
             self.assertIs(sys.exc_info()[1], outer)
 
-
-class Arguments(DatabaseTest):
     def test_binding(self):
         db, count = self.db, "{}() takes {} positional argument{} ({} given)".format
         for name, args, keywords, message in (
