@@ -33,33 +33,25 @@ bool due() {
     return seen >= first && seen <= last;
 }
 
-void note(const char* name) {
-    const std::size_t used = std::strlen(names);
-    std::snprintf(names + used, sizeof names - used, "%s ", name);
-}
-
 // Whether the thread keeps the interpreter's other threads from running.
 bool holds_lock() {
     static const auto check = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "PyGILState_Check"));
     return check != nullptr && check() != 0;
 }
 
-bool lacks(const char* name) {
-    char word[64];
-    std::snprintf(word, sizeof word, " %s ", name);
-    return std::strstr(lacking, word) != nullptr;
-}
-
 // The call itself, or what was planned in its place. `noted` is the name under which it is counted.
 template <class Result, class... Arguments>
 Result pass(const char* name, const char* noted, Arguments... arguments) {
     const auto real = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name));
-    if (lacks(noted)) {
+    char word[64];
+    std::snprintf(word, sizeof word, " %s ", noted);
+    if (std::strstr(lacking, word) != nullptr) {
         errno = lacking_error;
         return -1;
     }
     if (action == Action::off || action == Action::no_memory) return real(arguments...);
-    note(holds_lock() ? "locked" : noted);
+    const std::size_t used = std::strlen(names);
+    std::snprintf(names + used, sizeof names - used, "%s ", holds_lock() ? "locked" : noted);
     if (!due() || action == Action::shorten) return real(arguments...);
     if (action == Action::kill) kill(getpid(), SIGKILL);
     if (std::strcmp(name, "close") == 0) real(arguments...);  // a failing close has closed all the same
@@ -120,6 +112,7 @@ int fsync(int file) { return pass<int>("fsync", file == written ? "fsync" : "fsy
     result call parameters { return pass<result>(#call, #call, __VA_ARGS__); }
 
 COUNTED(int, flock, (int file, int operation), file, operation)
+COUNTED(int, syncfs, (int file), file)
 COUNTED(int, fchmod, (int file, mode_t mode), file, mode)
 COUNTED(int, fchown, (int file, uid_t user, gid_t group), file, user, group)
 COUNTED(int, fstat, (int file, struct stat* status), file, status)

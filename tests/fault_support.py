@@ -316,11 +316,11 @@ class SystemFault(Fault):
     def overcome(self):
         if self.action != FAIL or self.error == errno.EINTR or not self.hit:
             return True
-        call, later = self.names[self.first - 1], self.names[self.first:]
+        call = self.names[self.first - 1]
         if call in ANSWERED.get(self.error, ()):
             return True
-        # The second time a save asks for the old file again right before the renaming.
-        return call in DISPENSABLE or later.count("fstatat") > 1  # the save begins anew
+        # One that finds another file behind a link than a moment before begins anew.
+        return call in DISPENSABLE or self.names.count("stat") > 1
 
 
 def judge(cases, name, db, fault, got, error, old, new, undisturbed):

@@ -85,8 +85,7 @@ time.sleep(random.random() / 50)
 """
 SAVING = """
 from talvern_client.utils.json_database import JSONDatatable
-for _ in range(100):
-    JSONDatatable("database.json").save()
+for _ in range(100): JSONDatatable("database.json").save()
 """
 CALLS = (
     "db.save()", "db.tables['t'].rows[0][2] = {1}; db.save()", "JSONDatatable('database.json')",

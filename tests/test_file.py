@@ -6,6 +6,7 @@ import gc
 import io
 import itertools
 import json
+import os
 import random
 import signal
 from unittest import mock
@@ -101,6 +102,18 @@ class SavingAndLoading(DatabaseTest):
                 JSONDatatable(self.path)
             calls = [mock.call(self.path, mode, encoding="utf-8") for mode in "wr"]
             self.assertEqual(opened.mock_calls, calls)
+
+    def test_new_file_of_another_save(self):
+        """It may stand where this save's own was removed, and is not taken for it."""
+        def replace(_):
+            name, = {*os.listdir(self.folder)} - {"database.json", "half"}
+            os.replace(self.at("half"), self.at(name))
+            return "text"
+
+        self.write(b"half", self.at("half"))
+        self.table(optional("a")).rows.append([mock.MagicMock(__str__=replace)])
+        self.assertRaises(FileNotFoundError, self.db.save)
+        self.assertNotEqual(self.read(), b"half")
 
     def test_deleted_rows_of_rows_that_are_no_list(self):
         self.table(optional("k")).rows = ([None], [1])

@@ -34,7 +34,7 @@ def outer_allocations(cases):
 ERRORS = {
     "unhashable": lambda db: db.insert("t", {"s": [1], "k": 8}),
     "refused document": lambda db: db.insert("t", {"o": {(1,): 2}}),
-    "no folder": lambda db: setattr(db, "filename", "none/file") or db.save(),
+    "folder": lambda db: setattr(db, "filename", "sub") or db.save(),
 }
 
 

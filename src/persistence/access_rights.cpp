@@ -7,8 +7,6 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "persistence/system_call.h"
-
 namespace jdb::persistence {
 namespace {
 
@@ -47,18 +45,19 @@ void read_list(AccessRights& rights, Get get) {
     rights.list_known = read.error == 0 || means_no_list(read.error);
 }
 
-int read_rights(int directory, const std::string& file, AccessRights& rights) {
+int read_rights(int directory, const std::string& file, OldFile& old_file, AccessRights& rights) {
     const auto open_as = [&](int access) {
         return run([&] { return openat(directory, file.c_str(), access | O_NOFOLLOW | O_CLOEXEC); });
     };
     const Outcome opened = open_as(O_PATH);
     if (opened.error != 0) return opened.error;
-    const Descriptor old_file(opened.result);
-    const Outcome looked = run([&] { return fstat(old_file.number(), &rights.status); });
+    old_file.descriptor = Descriptor(opened.result);
+    const Outcome looked = run([&] { return fstat(old_file.descriptor.number(), &rights.status); });
     if (looked.error != 0) return looked.error;
+    old_file.status = rights.status;
     if (!S_ISREG(rights.status.st_mode)) return ELOOP;  // a link has taken its place meanwhile, and is not replaced
 
-    const std::string link = "/proc/self/fd/" + std::to_string(old_file.number());
+    const std::string link = "/proc/self/fd/" + std::to_string(old_file.descriptor.number());
     read_list(rights, [&](void* to, std::size_t size) { return getxattr(link.c_str(), kListName, to, size); });
     if (rights.list_known) return 0;
     // Without /proc the file has to be opened for this.
@@ -142,10 +141,9 @@ int give_mode(int new_file, const AccessRights& rights) {
 
 }  // namespace
 
-int copy_access_rights(int directory, const std::string& file, int new_file, struct stat& status) {
+int copy_access_rights(int directory, const std::string& file, int new_file, OldFile& old_file) {
     AccessRights rights;
-    int error = read_rights(directory, file, rights);
-    status = rights.status;
+    int error = read_rights(directory, file, old_file, rights);
     if (error == ENOENT) return 0;
     if (error == 0) error = give_owner_and_group(new_file, rights);
     if (error == 0) error = give_list(new_file, rights);

@@ -23,8 +23,8 @@
 namespace jdb::persistence {
 namespace {
 
-constexpr int kMaxNames = 100;
-constexpr int kReusedNames = 10;
+constexpr int kReusedNames = 100;
+constexpr int kMaxNames = 200;
 
 // The new file's name: at first one of a few that belong to the old file's, then, where somebody keeps these, any.
 std::string new_name(const std::string& file, int tries) {
@@ -44,20 +44,26 @@ Outcome lock(const Descriptor& file) {
     return run([&] { return flock(file.number(), LOCK_EX | LOCK_NB); });
 }
 
+// 0 where the name leads to the open file, with the file's status; else the error number, ENOENT where it leads
+// elsewhere.
+int compare_name(int directory, const std::string& name, const Descriptor& file, struct stat& status) {
+    struct stat named {};
+    Outcome looked = run([&] { return fstat(file.number(), &status); });
+    if (looked.error == 0) looked = run([&] { return fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW); });
+    if (looked.error != 0) return looked.error;
+    return status.st_dev == named.st_dev && status.st_ino == named.st_ino ? 0 : ENOENT;
+}
+
 // Removes a file of that name that nobody is writing; false when there is none. One whose name leads elsewhere by the
 // time it is locked has been renamed: it is the database now.
-bool remove_left_over(int directory, const char* name) {
-    const Outcome found = run([&] { return openat(directory, name, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); });
+bool remove_left_over(int directory, const std::string& name) {
+    const Outcome found =
+        run([&] { return openat(directory, name.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); });
     const Descriptor file(found.result);
-    if (found.error != 0 || lock(file).error != 0) return false;
-    struct stat locked {};
-    struct stat named {};
-    const Outcome looked = run([&] { return fstat(file.number(), &locked); });
-    const Outcome looked_again = run([&] { return fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW); });
-    if (looked.error != 0 || looked_again.error != 0) return false;
-    if (locked.st_dev != named.st_dev || locked.st_ino != named.st_ino) return false;
-    if (!S_ISREG(locked.st_mode) || locked.st_nlink != 1) return false;
-    return run([&] { return unlinkat(directory, name, 0); }).error == 0;
+    struct stat status {};
+    if (found.error != 0 || lock(file).error != 0 || compare_name(directory, name, file, status) != 0) return false;
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) return false;
+    return run([&] { return unlinkat(directory, name.c_str(), 0); }).error == 0;
 }
 
 // The remark where the error is about access rights: without it the message would seem to be about the file's own.
@@ -74,9 +80,8 @@ FileReplacement::FileReplacement(ReplaceTarget target) : FileReplacement() {
 }
 
 FileReplacement::~FileReplacement() {
-    if (new_name_.empty()) return;
-    const GilReleased released;
-    unlinkat(target_.directory.number(), new_name_.c_str(), 0);
+    if (new_name_.empty() || check_name() != 0) return;
+    run([&] { return unlinkat(target_.directory.number(), new_name_.c_str(), 0); });
 }
 
 void FileReplacement::make_new_file() {
@@ -92,12 +97,15 @@ void FileReplacement::make_new_file() {
     for (int tries = 0; made.error == EEXIST && tries < kMaxNames; ++tries) {
         std::string name = new_name(target_.file, tries);
         made = make(name);
-        if (made.error == EEXIST && remove_left_over(directory, name.c_str())) made = make(name);
+        // Where there is no old file, one left by a power cut may be all that there is.
+        if (made.error == EEXIST && target_.exists && remove_left_over(directory, name)) made = make(name);
         if (made.error != 0) continue;
         new_file_ = Descriptor(made.result);
         new_name_ = std::move(name);
-        if (lock(new_file_).error != EWOULDBLOCK && has_name()) return;  // without locks nobody takes it
-        new_name_.clear();                                               // another save took it for a left-over
+        // Another save may have taken it for a left-over before it was locked. Where there are no locks, none does.
+        const int error = lock(new_file_).error == EWOULDBLOCK ? ENOENT : check_name();
+        if (error == 0) return;
+        if (error != ENOENT) raise_os_error(error, target_.name);
         made.error = EEXIST;
     }
     // Without an old file `open` would fail here too, with the system's message alone.
@@ -106,12 +114,10 @@ void FileReplacement::make_new_file() {
     raise_os_error(made.error, target_.name, remark);
 }
 
-// Whether the new file has not been removed since it was made.
-bool FileReplacement::has_name() const {
+// 0 while the name leads to the new file. Somebody may have removed it, and another save made its own under the name.
+int FileReplacement::check_name() const {
     struct stat status {};
-    const Outcome looked = run([&] { return fstat(new_file_.number(), &status); });
-    if (looked.error != 0) raise_os_error(looked.error, target_.name);
-    return status.st_nlink > 0;
+    return compare_name(target_.directory.number(), new_name_, new_file_, status);
 }
 
 void FileReplacement::write(std::string_view bytes) {
@@ -132,10 +138,9 @@ void FileReplacement::commit() {
     if (access_rights_changed()) {
         run([&] { return fchmod(new_file_.number(), S_IRUSR | S_IWUSR); });
         copy_access_rights();
+        flush();
     }
     rename();
-    // A journal commits the rename with this, in a directory that can't be flushed itself.
-    if (!target_.directory_readable) flush();
     flush_directory();
     const int error = new_file_.close();
     if (error != 0) raise_os_error(error, target_.name);
@@ -147,15 +152,16 @@ void FileReplacement::flush() const {
 }
 
 void FileReplacement::flush_directory() const {
-    if (!target_.directory_readable) return;
-    const Outcome flushed = run([&] { return fsync(target_.directory.number()); });
+    // A directory that may not be read can't be opened for this; then the whole file system is flushed.
+    const Outcome flushed = run(
+        [&] { return target_.directory_readable ? fsync(target_.directory.number()) : syncfs(new_file_.number()); });
     // EINVAL: the file system can't flush directories.
     if (flushed.error != 0 && flushed.error != EINVAL) raise_os_error(flushed.error, target_.name);
 }
 
 void FileReplacement::copy_access_rights() {
     const int error =
-        persistence::copy_access_rights(target_.directory.number(), target_.file, new_file_.number(), old_status_);
+        persistence::copy_access_rights(target_.directory.number(), target_.file, new_file_.number(), old_file_);
     if (error != 0) raise_os_error(error, target_.name);
 }
 
@@ -166,20 +172,28 @@ bool FileReplacement::access_rights_changed() const {
         run([&] { return fstatat(target_.directory.number(), target_.file.c_str(), &now, AT_SYMLINK_NOFOLLOW); });
     if (looked.error == ENOENT) return false;
     if (looked.error != 0) raise_os_error(looked.error, target_.name);
-    return now.st_ino != old_status_.st_ino || now.st_ctim.tv_sec != old_status_.st_ctim.tv_sec ||
-           now.st_ctim.tv_nsec != old_status_.st_ctim.tv_nsec;
+    const struct stat& then = old_file_.status;
+    return now.st_ino != then.st_ino || now.st_ctim.tv_sec != then.st_ctim.tv_sec ||
+           now.st_ctim.tv_nsec != then.st_ctim.tv_nsec;
 }
 
 void FileReplacement::rename() {
     const int directory = target_.directory.number();
-    const Outcome renamed =
-        run([&] { return renameat(directory, new_name_.c_str(), directory, target_.file.c_str()); });
+    if (const int error = check_name(); error != 0) {
+        raise_os_error(error, target_.name, "the new file has been removed before it was complete");
+    }
+    // The program may lock its file, which is the new one from the renaming on. So that one is unlocked at once; the
+    // old one, which is still open, takes no time to be removed.
+    const Outcome renamed = run([&] {
+        const int status = renameat(directory, new_name_.c_str(), directory, target_.file.c_str());
+        if (status == 0) flock(new_file_.number(), LOCK_UN);
+        return status;
+    });
     if (renamed.error != 0) {
         raise_os_error(renamed.error, target_.name,
                        directory_remark(renamed.error, "it can't be replaced in its directory"));
     }
     new_name_.clear();
-    run([&] { return flock(new_file_.number(), LOCK_UN); });  // the program may use locks of its own on its file
 }
 
 }  // namespace jdb::persistence

@@ -1,17 +1,16 @@
 // Replacing a file by a new one, so that its name leads to the complete old or the complete new one at every moment.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <string>
 #include <string_view>
 
+#include "persistence/access_rights.h"
 #include "persistence/replace_target.h"
 
 namespace jdb::persistence {
 
 // The new file while it is being written. Before the rename the old file is untouched, and the destructor removes the
-// new one. A killed process leaves it, and the next save of the same database removes it. Only its owner can use it
+// new one. A killed process leaves it, and the next save over the same file removes it. Only its owner can use it
 // until it is complete; a first file, with nothing to replace, has the access rights of any new file from the start.
 // Each call may raise OSError, which names the database file; the GIL is released in system calls.
 class FileReplacement {
@@ -31,7 +30,7 @@ public:
 private:
     FileReplacement() = default;
     void make_new_file();
-    [[nodiscard]] bool has_name() const;
+    [[nodiscard]] int check_name() const;
     void copy_access_rights();
     [[nodiscard]] bool access_rights_changed() const;
     void rename();
@@ -41,7 +40,7 @@ private:
     ReplaceTarget target_;
     std::string new_name_;  // empty while there is none to remove
     Descriptor new_file_;
-    struct stat old_status_ {};  // of the old file, when its access rights were copied
+    OldFile old_file_;
 };
 
 }  // namespace jdb::persistence
