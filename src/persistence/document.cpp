@@ -26,17 +26,28 @@ Ref column_object(PyObject* column) {
 // How many rows ahead memory is prefetched: a save of 100,000 rows is 6 % faster with it.
 constexpr Py_ssize_t kPrefetched = 64;
 
+// How many rows there are before the first that may be deleted.
+Py_ssize_t count_certainly_kept(PyObject* rows) {
+    Py_ssize_t i = 0;
+    for (; i < PyList_GET_SIZE(rows) && is_certainly_kept(PyList_GET_ITEM(rows, i)); ++i) {
+        if (i + kPrefetched < PyList_GET_SIZE(rows)) __builtin_prefetch(PyList_GET_ITEM(rows, i + kPrefetched));
+    }
+    return i;
+}
+
 Ref kept_rows(PyObject* table) {
-    Ref kept = new_list();
     const Ref rows = get_attribute(table, names::rows);
     PyObject* list = rows;
     if (!PyList_CheckExact(list)) {
+        Ref kept = new_list();
         for (const Ref& row : Iteration(rows)) {
             if (!is_deleted(row)) append(kept, row);
         }
         return kept;
     }
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
+    Py_ssize_t i = count_certainly_kept(list);
+    Ref kept = Ref::steal(python(PyList_GetSlice, list, Py_ssize_t{0}, i));
+    for (; i < PyList_GET_SIZE(list); ++i) {
         if (i + kPrefetched < PyList_GET_SIZE(list)) __builtin_prefetch(PyList_GET_ITEM(list, i + kPrefetched));
         const Ref row = Ref::borrow(PyList_GET_ITEM(list, i));
         if (!is_deleted(row)) check(PyList_Append(kept, row));

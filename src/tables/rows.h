@@ -8,11 +8,13 @@ namespace jdb {
 // Whether every value of the row is None; true for an empty row.
 bool holds_only_none(PyObject* row);
 
-// Whether the row counts as deleted. The first value of most rows answers it.
-inline bool is_deleted(PyObject* row) {
-    const bool first_tells = PyList_CheckExact(row) && PyList_GET_SIZE(row) > 0 && PyList_GET_ITEM(row, 0) != Py_None;
-    return !first_tells && holds_only_none(row);
+// Whether the row's first value shows that it isn't deleted.
+inline bool is_certainly_kept(PyObject* row) {
+    return PyList_CheckExact(row) && PyList_GET_SIZE(row) > 0 && PyList_GET_ITEM(row, 0) != Py_None;
 }
+
+// Whether the row counts as deleted.
+inline bool is_deleted(PyObject* row) { return !is_certainly_kept(row) && holds_only_none(row); }
 
 // Whether the row is exactly a list with a value for each of that many columns, to be read by position.
 inline bool is_wide_enough(PyObject* row, Py_ssize_t columns) {
