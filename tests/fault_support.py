@@ -41,10 +41,16 @@ class FaultTest(unittest.TestCase):
                 # By way of a link, since the list is split at spaces and colons.
                 os.symlink(LIBRARY, f"{folder}/faults.so")
                 environment["LD_PRELOAD"] = f"{os.environ.get('LD_PRELOAD', '')}:{folder}/faults.so"
-            child = subprocess.run(
+            child = subprocess.Popen(
                 [*through, sys.executable, "-X", "dev", "-m", "unittest", self.id()], cwd=f"{folder}/data",
-                env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace")
-        self.assertEqual((child.stderr.splitlines()[-1], child.returncode), ("OK", 0), child.stderr[-9000:])
+                env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+            said = None
+            while said is None:
+                try:
+                    said = child.communicate(timeout=10)[1].decode(errors="replace")
+                except subprocess.TimeoutExpired as waiting:
+                    print(self.id(), "at", waiting.stderr.splitlines()[-1][:80], file=sys.stderr, flush=True)
+        self.assertEqual((said.splitlines()[-1], child.returncode), ("OK", 0), said[-9000:])
 
 
 class Cases:

@@ -12,6 +12,7 @@ import io
 import os
 import pickle
 import random
+import sys
 import tempfile
 import unittest
 from datetime import date, datetime
@@ -305,6 +306,8 @@ class ModelTest(unittest.TestCase):
         with concurrent.futures.ProcessPoolExecutor() as pool:
             self.addCleanup(pool.shutdown, cancel_futures=True)
             for seed, found in zip(seeds, pool.map(smallest_difference, seeds)):
+                if seed % 100 == 50:
+                    print(f"up to seed {seed}", file=sys.stderr, flush=True)
                 if found:
                     expected, got, taken = found
                     self.assertEqual(got, expected, f"after the steps {taken} of seed {seed}")
