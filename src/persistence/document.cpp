@@ -45,8 +45,11 @@ Ref kept_rows(PyObject* table) {
         }
         return kept;
     }
+    Ref kept = new_list();
     Py_ssize_t i = count_certainly_kept(list);
-    Ref kept = Ref::steal(python(PyList_GetSlice, list, Py_ssize_t{0}, i));
+    // No Python code runs in these two. PyList_GetSlice makes a list, and a collection then might change the rows.
+    check(python(PyList_SetSlice, kept, Py_ssize_t{0}, Py_ssize_t{0}, list));
+    check(python(PyList_SetSlice, kept, i, PyList_GET_SIZE(list), static_cast<PyObject*>(nullptr)));
     for (; i < PyList_GET_SIZE(list); ++i) {
         if (i + kPrefetched < PyList_GET_SIZE(list)) __builtin_prefetch(PyList_GET_ITEM(list, i + kPrefetched));
         const Ref row = Ref::borrow(PyList_GET_ITEM(list, i));
