@@ -5,7 +5,7 @@
 // The new file has a name from the start, one of a few, and a lock. A killed process leaves the file but not the lock,
 // so the next save finds it and removes it. A file without a name (O_TMPFILE) would leave nothing, but a file system
 // without a journal flushes it as a file that nothing leads to, and loses it in a power cut after the rename: it needs
-// a third flush, with which a small save takes 1.1 times as long there, and even then a moment remains.
+// a third flush, with which a small save takes 1.1 times as long there.
 #include "persistence/replace_file.h"
 
 #include <fcntl.h>
