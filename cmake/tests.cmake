@@ -1,5 +1,5 @@
 # One test per file: tests/test_*.py. Files that know a long form are tested in that one too when `ctest` is told
-# `-C Long`; it takes about four minutes.
+# `-C Long`; it takes about two minutes.
 
 enable_testing()
 
